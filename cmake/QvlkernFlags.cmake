@@ -1,0 +1,30 @@
+# Compiler flags shared by the library, its tests, benchmarks and examples.
+set(QVLKERN_WARNINGS -Wall -Wextra)
+if(QVLKERN_WERROR)
+  list(APPEND QVLKERN_WARNINGS -Werror)
+endif()
+
+set(QVLKERN_SANITIZE_FLAGS "")
+if(QVLKERN_SANITIZE)
+  set(QVLKERN_SANITIZE_FLAGS -fsanitize=${QVLKERN_SANITIZE} -fno-omit-frame-pointer)
+  if(QVLKERN_SANITIZE MATCHES "undefined")
+    list(APPEND QVLKERN_SANITIZE_FLAGS -fno-sanitize-recover=undefined)
+  endif()
+  add_compile_definitions(QVLKERN_SANITIZED=1)
+endif()
+
+if(QVLKERN_BUILD_FUZZ)
+  # Coverage instrumentation for everything the fuzz targets link.
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+endif()
+
+function(qvlkern_apply_flags target)
+  get_target_property(type ${target} TYPE)
+  if(type STREQUAL "INTERFACE_LIBRARY")
+    return()
+  endif()
+  target_compile_options(${target} PRIVATE ${QVLKERN_WARNINGS} ${QVLKERN_SANITIZE_FLAGS})
+  if(QVLKERN_SANITIZE_FLAGS AND NOT type STREQUAL "OBJECT_LIBRARY")
+    target_link_options(${target} PRIVATE ${QVLKERN_SANITIZE_FLAGS})
+  endif()
+endfunction()

@@ -1,0 +1,253 @@
+// exceptions.h: the library's exception families, cause chains and call-site
+// traces.
+//
+// Every failure inside the library is thrown as a light "shell" object that
+// owns one heap-allocated record. The record carries the reason, the source
+// position of the throw, an owned cause (the record of the exception that led
+// to this one) and, when capture is on, a copy of the thread's call-stack
+// markers. Copying a shell moves its record: the copied-from shell becomes a
+// "cloned" shell that answers with placeholder texts. That keeps the object
+// that travels through the language's exception machinery small while the
+// record and its chain move from shell to shell.
+//
+// Throwing is one line at every site:
+//
+//   QVL_THROW(io_error_exception, "unable to read \"%s\" because of %s", name, err);
+//
+// and chaining a caught exception under a new one:
+//
+//   catch (q_exception_t_shell_t& e) {
+//     QVL_THROW_CAUSE(api_exception, e.release(), "loading %s failed", name);
+//   }
+//
+// Thread safety: records and shells belong to one thread at a time. The
+// call-stack slot is per thread. _q_exception_t::backtrace_enabled is read
+// without locking and is meant to be set once, early, by the program (the
+// library never switches it on by itself).
+#ifndef QVLKERN_EXCEPTIONS_H
+#define QVLKERN_EXCEPTIONS_H
+
+#include <pthread.h>
+
+#include <cstdarg>
+#include <cstddef>
+#include <exception>
+#include <string>
+#include <typeinfo>
+
+#include "amtypes.h"
+
+namespace kern_n {
+
+// Holds a type's raw name and, once asked for, its demangled form.
+class QVL_API demangle_t {
+public:
+    demangle_t() noexcept : raw_(nullptr), buf_(nullptr) {}
+    ~demangle_t();
+    // Not copied: each object demangles its own dynamic type on first use.
+    demangle_t(demangle_t const&) noexcept : raw_(nullptr), buf_(nullptr) {}
+    demangle_t& operator=(demangle_t const&) noexcept { return *this; }
+
+    // Demangled name of ti; computed on the first call and kept.
+    char const* name(std::type_info const& ti) const noexcept;
+
+private:
+    mutable char const* raw_;
+    mutable char* buf_;
+};
+
+}  // namespace kern_n
+
+class q_exception_t;
+
+// A marker placed on the stack of a function that wants to appear in later
+// backtraces. Markers link into a per-thread chain while capture is on and
+// cost one flag test while it is off.
+class QVL_API callstack_t {
+public:
+    // Receives one line of a backtrace; null means default_print_exception.
+    typedef void (*printer_t)(void* ctx, char const* text, char const* file, int line);
+
+    struct QVL_API point_t {
+        char const* file;
+        q_uint32_t line;
+        char const* func;    // label or function name, may be null
+        point_t* next;       // outer point; owned in copies
+        mutable char* where_cache;
+
+        // "\"func\" file:line, ..." along the chain; cached.
+        char const* where() const;
+        void backtrace(void* ctx, printer_t printer, int indent) const;
+        void dump() const {}
+        // Frees a chain made by callstack_t::do_copy.
+        static void dtor(point_t* chain) noexcept;
+    };
+
+    callstack_t(char const* file, int line, char const* func) noexcept { ctor(file, line, func); }
+    ~callstack_t() { dtor(); }
+    callstack_t(callstack_t const&) = delete;
+    callstack_t& operator=(callstack_t const&) = delete;
+
+    void ctor(char const* file, int line, char const* func) noexcept;
+    // Leaving a marker sets the thread's current point to this point's
+    // next, which ctor always cleared: the slot ends empty. Kept that way.
+    void dtor() noexcept;
+
+    static point_t* do_copy(point_t const* chain);
+    static void backtrace_stack(void* ctx, printer_t printer, int indent);
+
+    // Allocation of records and point copies; the tag names the kind of
+    // block ("q_exception_t", "point_t") for diagnostics only.
+    static void* ealloc(std::size_t size, char const* tag);
+    static void efree(void* ptr, char const* tag) noexcept;
+
+    // The thread's current point; created once at library start-up.
+    static pthread_key_t key;
+
+    point_t point;
+};
+
+// Places a call-stack marker for the enclosing function.
+#define QVL_CALLSTACK() callstack_t qvl_callstack_marker_(__FILE__, __LINE__, __PRETTY_FUNCTION__)
+#define QVL_CALLSTACK_LABEL(label) callstack_t qvl_callstack_marker_(__FILE__, __LINE__, label)
+
+// Logs one backtrace line through the process logger, treating ctx as the
+// log level; prints nothing while no logger is installed.
+QVL_API void default_print_exception(void* ctx, char const* text, char const* file, int line);
+
+// Creates the thread-specific slot of the exception engine; called once from
+// library start-up. Exits the process with status 1 when that fails.
+QVL_API pthread_key_t qexception_initializer();
+
+// Abstract root of the exception records.
+class QVL_API _q_exception_t : public std::exception {
+public:
+    ~_q_exception_t() override;
+    char const* what() const noexcept override = 0;
+
+    // Switches call-stack capture on for every later record and marker.
+    static bool backtrace_enabled;
+};
+
+class QVL_API q_exception_t : public _q_exception_t {
+public:
+    q_exception_t(char const* file, int line, char const* reason);
+    // Takes ownership of cause, which may be null.
+    q_exception_t(char const* file, int line, q_exception_t const* cause, char const* reason);
+    // Copies position and reason; takes over cause and stack from o.
+    q_exception_t(q_exception_t const& o);
+    q_exception_t& operator=(q_exception_t const& o);
+    ~q_exception_t() override;
+
+    static char* copy(char const* text);
+
+    // Never throws: a formatting failure stores a fixed text instead.
+    void set_reason(char const* fmt, ...) noexcept QVL_PRINTF(2, 3);
+    void set_reason_va(char const* fmt, va_list ap) noexcept;
+
+    char const* what() const noexcept override;
+    char const* type() const noexcept;
+    char const* where() const;
+    char const* info() const;
+    void backtrace(void* ctx, callstack_t::printer_t printer, int indent) const;
+    void dump(char const* prefix, bool recursive, int index) const;
+
+    static void* operator new(std::size_t size);
+    static void operator delete(void* ptr) noexcept;
+
+    kern_n::demangle_t type_name;
+    char const* file;
+    q_uint32_t line;
+    char* reason;
+    mutable q_exception_t const* cause;
+    mutable char* info_cache;
+    mutable callstack_t::point_t* stack;
+};
+
+class QVL_API q_exception_t_shell_t : public std::exception {
+public:
+    explicit q_exception_t_shell_t(char const* fmt, ...) QVL_PRINTF(2, 3);
+    // Copying moves the record; o is left a "cloned" shell.
+    q_exception_t_shell_t(q_exception_t_shell_t const& o);
+    q_exception_t_shell_t& operator=(q_exception_t_shell_t const& o);
+    ~q_exception_t_shell_t() override;
+
+    q_exception_t_shell_t& create_impl(char const* file, int line, q_exception_t const* cause);
+    void update_reason();
+
+    char const* what() const noexcept override;
+    char const* type() const noexcept;
+    char const* where() const;
+    char const* info() const;
+    // "a because of b because of c" along the cause chain.
+    std::string what_chain() const;
+    void dump(char const* prefix, bool recursive) const;
+
+    // Hands the record over (for use as the cause of a new exception); the
+    // shell becomes a cloned shell.
+    q_exception_t* release() const noexcept;
+
+    kern_n::demangle_t type_name;
+    std::string staging_reason;
+    mutable q_exception_t* impl;
+
+protected:
+    struct va_tag_t {};
+    q_exception_t_shell_t(va_tag_t, char const* fmt, va_list ap);
+    // Replaces the record by rec and stamps the staging reason on it.
+    void install(q_exception_t* rec);
+};
+
+// The family layer: each entry makes a record class and its shell. A family
+// adds no state; its shell's create_impl makes a record of its own class.
+#define QVL_EXCEPTION_FAMILIES(X)                        \
+    X(api_exception, q_exception_t)                      \
+    X(io_error_exception, api_exception)                 \
+    X(noent_exception, io_error_exception)               \
+    X(dir_create_exception, io_error_exception)          \
+    X(invalid_io_range_exception, io_error_exception)    \
+    X(library_load_exception, api_exception)             \
+    X(lwp_exception, api_exception)                      \
+    X(thread_exception, api_exception)                   \
+    X(sync_exception, api_exception)                     \
+    X(mutex_exception, sync_exception)                   \
+    X(condvar_exception, sync_exception)                 \
+    X(icu_exception, api_exception)                      \
+    X(number_format_exception, q_exception_t)            \
+    X(timestamp_format_exception, q_exception_t)         \
+    X(quoted_format_exception, q_exception_t)            \
+    X(BUG_exception, q_exception_t)
+
+#define QVL_DECLARE_EXCEPTION_FAMILY(name, base)                                         \
+    class QVL_API name : public base {                                                   \
+    public:                                                                              \
+        name(char const* file, int line, char const* reason) : base(file, line, reason) {} \
+        name(char const* file, int line, q_exception_t const* cause, char const* reason) \
+            : base(file, line, cause, reason) {}                                         \
+        name(name const&) = default;                                                     \
+        name& operator=(name const&) = default;                                          \
+        ~name() override;                                                                \
+    };                                                                                   \
+    class QVL_API name##_shell_t : public base##_shell_t {                               \
+    public:                                                                              \
+        explicit name##_shell_t(char const* fmt, ...) QVL_PRINTF(2, 3);                  \
+        name##_shell_t(name##_shell_t const&) = default;                                 \
+        name##_shell_t& operator=(name##_shell_t const&) = default;                      \
+        ~name##_shell_t() override;                                                      \
+        name##_shell_t& create_impl(char const* file, int line, q_exception_t const* cause); \
+                                                                                         \
+    protected:                                                                           \
+        name##_shell_t(va_tag_t t, char const* fmt, va_list ap) : base##_shell_t(t, fmt, ap) {} \
+    };
+
+QVL_EXCEPTION_FAMILIES(QVL_DECLARE_EXCEPTION_FAMILY)
+
+// Throws family##_shell_t with a printf-style reason, recording the source
+// position of the throw.
+#define QVL_THROW(family, ...) \
+    throw family##_shell_t(__VA_ARGS__).create_impl(__FILE__, __LINE__, nullptr)
+// The same with a cause record (taken from a caught shell with release()).
+#define QVL_THROW_CAUSE(family, cause, ...) \
+    throw family##_shell_t(__VA_ARGS__).create_impl(__FILE__, __LINE__, (cause))
+
+#endif  // QVLKERN_EXCEPTIONS_H

@@ -1,0 +1,4 @@
+// amtypes.cc: the string slice.
+#include "amtypes.h"
+
+if_root_t::~if_root_t() {}
