@@ -4,5 +4,6 @@
 
 #include "amtypes.h"
 #include "exceptions.h"
+#include "numstrings.h"
 
 #endif  // QVLKERN_KERN_H
