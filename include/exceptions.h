@@ -23,7 +23,17 @@
 // Thread safety: records and shells belong to one thread at a time. The
 // call-stack slot is per thread. _q_exception_t::backtrace_enabled is read
 // without locking and is meant to be set once, early, by the program (the
-// library never switches it on by itself).
+// library never switches it on by itself). Do not flip it while call-stack
+// markers are live: a marker entered with capture on and left with it off
+// leaves its address in the thread's slot.
+//
+// Choices made here:
+//  - a record or point without a source file prints "UNKNOWN" in its place
+//    (info(), where(), dump()), like the default printer;
+//  - set_reason also drops the cached info() text, so a later info() shows
+//    the new reason;
+//  - a record that cannot copy the call stack for lack of memory is still
+//    made, without a stack.
 #ifndef QVLKERN_EXCEPTIONS_H
 #define QVLKERN_EXCEPTIONS_H
 
@@ -55,6 +65,11 @@ private:
     mutable char const* raw_;
     mutable char* buf_;
 };
+
+// Overwrites the characters of s with zeros (in a way the compiler may not
+// drop) and then empties it; used for texts that should not linger in
+// freed memory.
+QVL_API void clear_string(std::string& s) noexcept;
 
 }  // namespace kern_n
 
@@ -192,10 +207,14 @@ public:
     mutable q_exception_t* impl;
 
 protected:
+    // A variadic constructor cannot pass its arguments to a base
+    // constructor, so a family shell builds its base with an empty staging
+    // reason and formats it in its own body.
     struct va_tag_t {};
-    q_exception_t_shell_t(va_tag_t, char const* fmt, va_list ap);
+    explicit q_exception_t_shell_t(va_tag_t) noexcept : impl(nullptr) {}
+    void format_staging(char const* fmt, va_list ap);
     // Replaces the record by rec and stamps the staging reason on it.
-    void install(q_exception_t* rec);
+    void install(q_exception_t* rec) noexcept;
 };
 
 // The family layer: each entry makes a record class and its shell. A family
@@ -237,7 +256,7 @@ protected:
         name##_shell_t& create_impl(char const* file, int line, q_exception_t const* cause); \
                                                                                          \
     protected:                                                                           \
-        name##_shell_t(va_tag_t t, char const* fmt, va_list ap) : base##_shell_t(t, fmt, ap) {} \
+        explicit name##_shell_t(va_tag_t t) noexcept : base##_shell_t(t) {}               \
     };
 
 QVL_EXCEPTION_FAMILIES(QVL_DECLARE_EXCEPTION_FAMILY)
