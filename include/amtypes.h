@@ -62,10 +62,10 @@ public:
     static unsigned char upcase[256];
     static unsigned char locase[256];
 
-    lstr_t() noexcept : len_(0), ptr_(nullptr) {}
+    constexpr lstr_t() noexcept : len_(0), ptr_(nullptr) {}
     // A null C string gives an empty slice.
     lstr_t(char const* s) noexcept;  // NOLINT: implicit by design, text literals are slices
-    lstr_t(char const* p, unsigned long n) noexcept : len_(n), ptr_(p) {}
+    constexpr lstr_t(char const* p, unsigned long n) noexcept : len_(n), ptr_(p) {}
     lstr_t(std::string const& s) noexcept : len_(s.size()), ptr_(s.data()) {}  // NOLINT
 
     unsigned long length() const noexcept { return len_; }

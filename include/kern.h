@@ -5,5 +5,6 @@
 #include "amtypes.h"
 #include "exceptions.h"
 #include "numstrings.h"
+#include "unicode.h"
 
 #endif  // QVLKERN_KERN_H
