@@ -1,0 +1,98 @@
+// utilities.h: message formatting, system error text and small text helpers.
+//
+// q_format builds printf-style texts into a std::string; get_last_error turns
+// an errno value into "<system text> (errno=N)"; split_error breaks a chained
+// error text ("a because of b; c") into one line per cause. Beside them:
+// whitespace trimming, field counting, three forms of memory dump,
+// hexadecimal digit values and a population count.
+//
+//   error_saver_t saved;  // right after the failing call
+//   QVL_THROW(io_error_exception, "unable to open \"%s\" because of %s",
+//             name, get_last_error(saved).c_str());
+//
+// Thread safety: all functions are free of shared state; get_last_error uses
+// the reentrant form of the system's error table. Distinct arguments need no
+// locking.
+//
+// Choices left open elsewhere and made here:
+//  - The error texts are the C library's own (strerror_r).
+//  - q_format_va lets std::bad_alloc through when its output cannot grow; it
+//    reports only a failed formatting pass in its result text.
+#ifndef QVLKERN_UTILITIES_H
+#define QVLKERN_UTILITIES_H
+
+#include <cerrno>
+#include <cstdarg>
+#include <string>
+
+#include "amtypes.h"
+#include "numeric-triades.h"
+
+// Carries the thread's errno across code that may change it: saves errno at
+// construction and writes it back at destruction. Also the argument of
+// get_last_error.
+class QVL_API error_saver_t {
+public:
+    error_saver_t() noexcept : code(errno) {}
+    ~error_saver_t() { errno = code; }
+    error_saver_t(error_saver_t const&) = delete;
+    error_saver_t& operator=(error_saver_t const&) = delete;
+
+    int const code;
+};
+
+// --- formatting -----------------------------------------------------------------
+// Formats into out, replacing its contents. Texts up to 1023 characters take
+// one pass; longer ones are measured by the first pass and formatted again.
+// A text of exactly 1024 characters keeps 1023 of them and a NUL. A failed
+// first pass leaves out at 1024 characters; a failed second pass leaves
+// "vsnprintf failed because of <error>".
+QVL_API void q_format_va(std::string& out, char const* fmt, va_list ap);
+QVL_API void q_format(std::string& out, char const* fmt, ...) QVL_PRINTF(2, 3);
+// The same, returning a new string.
+QVL_API std::string q_format_va(char const* fmt, va_list ap);
+QVL_API std::string q_format(char const* fmt, ...) QVL_PRINTF(1, 2);
+
+// --- system errors ----------------------------------------------------------------
+QVL_API void set_last_error(int code) noexcept;
+// "<system text> (errno=N)" for a non-zero saved code, "No errors detected"
+// for zero. Without an argument, reports the current errno (and keeps it).
+QVL_API std::string get_last_error(error_saver_t const& saved = error_saver_t());
+// Breaks a chained error text into lines ending in CR LF, one before each
+// " because of" and " and unix error is" (which begin the next line without
+// their blank) and after each "; " (which is dropped).
+QVL_API std::string split_error(std::string const& text);
+
+// --- strings ----------------------------------------------------------------------
+// Replaces every white-space character of text[0, length) with '_'.
+QVL_API void decorate_spaces(char* text, unsigned long length) noexcept;
+// True when s begins or ends with blank, CR, LF, tab, form feed or vertical
+// tab.
+QVL_API bool need_trim_string(std::string const& s) noexcept;
+// Removes those characters at both ends in place; leaves an untouched string
+// as it is (no reallocation).
+QVL_API void trim_string(std::string& s);
+// Number of separator-delimited fields: 0 for an empty string, otherwise
+// separators + 1 (adjacent separators count an empty field).
+QVL_API unsigned long how_words(std::string const& s, char separator) noexcept;
+// Replaces every backslash with a slash in the characters s points to.
+QVL_API void rotate_slashes_real(lstr_t const& s) noexcept;
+
+// --- memory dumps -------------------------------------------------------------------
+// Each byte as two lower-case hexadecimal digits, nothing between them.
+QVL_API std::string hex_dump_just_mem(char const* data, unsigned long size);
+// The size (decimal, or 16 upper-case hexadecimal digits), a blank, then the
+// bytes as hex_dump_just_mem writes them.
+QVL_API std::string hex_dump_mem(char const* data, unsigned long size, bool size_in_hex = false);
+// "<size>b =?ASCII?Q?...?=": printable bytes as themselves, '=' doubled,
+// any other byte as '=' and two upper-case hexadecimal digits.
+QVL_API std::string dump_mem(void const* data, unsigned long size);
+
+// --- numbers ------------------------------------------------------------------------
+// Value of a hexadecimal digit (either case); all bits set for any other
+// character.
+QVL_API unsigned int from_hex_dig(unsigned char c) noexcept;
+// Number of one bits.
+QVL_API unsigned int hweight(unsigned int x) noexcept;
+
+#endif  // QVLKERN_UTILITIES_H

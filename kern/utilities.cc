@@ -1,0 +1,256 @@
+// utilities.cc: message formatting, system error text and small text helpers.
+#include "utilities.h"
+
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+
+#include "numeric-triades.h"
+
+namespace {
+
+char const k_hex_lower[] = "0123456789abcdef";
+char const k_hex_upper[] = "0123456789ABCDEF";
+
+// strerror_r comes in two shapes; the overloads take whichever the C
+// library declares.
+[[maybe_unused]] char const* error_text(int rc, char const* buf) noexcept { return rc == 0 ? buf : nullptr; }
+[[maybe_unused]] char const* error_text(char const* text, char const*) noexcept { return text; }
+
+// The blank set of need_trim_string and trim_string.
+inline bool is_trim_blank(char c) noexcept {
+    return c == ' ' || c == '\r' || c == '\n' || c == '\t' || c == '\f' || c == '\v';
+}
+
+inline void put_hex_lower(unsigned char b, char* out) noexcept {
+    out[0] = k_hex_lower[b >> 4];
+    out[1] = k_hex_lower[b & 0xF];
+}
+
+}  // namespace
+
+// --- formatting -----------------------------------------------------------------
+
+void q_format_va(std::string& out, char const* fmt, va_list ap) {
+    // Most texts fit in the first 1024 bytes, so one pass usually suffices.
+    out.resize(1024);
+    va_list first;
+    va_copy(first, ap);
+    int const n = std::vsnprintf(&out[0], 1024, fmt, first);
+    va_end(first);
+    // n == 1024 is kept at 1024 characters, the last being the NUL the
+    // formatter wrote in place of the text's last character.
+    if (n <= 1024) {
+        if (n >= 0) out.resize(static_cast<std::size_t>(n));
+        return;
+    }
+    auto const size = static_cast<std::size_t>(n) + 1;
+    out.resize(size);
+    va_list second;
+    va_copy(second, ap);
+    int const m = std::vsnprintf(&out[0], size, fmt, second);
+    va_end(second);
+    if (m < 0) {
+        error_saver_t saved;
+        out = "vsnprintf failed because of ";
+        out += get_last_error(saved);
+        return;
+    }
+    out.resize(static_cast<std::size_t>(n));
+}
+
+void q_format(std::string& out, char const* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    try {
+        q_format_va(out, fmt, ap);
+    } catch (...) {
+        va_end(ap);
+        throw;
+    }
+    va_end(ap);
+}
+
+std::string q_format_va(char const* fmt, va_list ap) {
+    std::string out;
+    q_format_va(out, fmt, ap);
+    return out;
+}
+
+std::string q_format(char const* fmt, ...) {
+    std::string out;
+    va_list ap;
+    va_start(ap, fmt);
+    try {
+        q_format_va(out, fmt, ap);
+    } catch (...) {
+        va_end(ap);
+        throw;
+    }
+    va_end(ap);
+    return out;
+}
+
+// --- system errors ----------------------------------------------------------------
+
+void set_last_error(int code) noexcept { errno = code; }
+
+std::string get_last_error(error_saver_t const& saved) {
+    if (saved.code == 0) return "No errors detected";
+    char buf[256];
+    buf[0] = '\0';
+    char const* text = error_text(strerror_r(saved.code, buf, sizeof buf), buf);
+    std::string out(text ? text : "Unknown error");
+    out += " (errno=";
+    add_number_to_string(saved.code, out);
+    out += ')';
+    return out;
+}
+
+std::string split_error(std::string const& text) {
+    struct marker_t {
+        char const* text;
+        std::size_t length;
+        std::size_t skip;  // characters dropped from the front of the next segment
+    };
+    static marker_t const markers[] = {
+        {" because of", 11, 1},
+        {" and unix error is", 18, 1},
+        {"; ", 2, 2},
+    };
+    constexpr std::size_t count = sizeof markers / sizeof markers[0];
+
+    std::string out;
+    out.reserve(text.size() + 16);
+    // Next occurrence of each marker at or after the search position; an
+    // occurrence stays valid until the search passes it.
+    std::size_t found[count];
+    for (std::size_t i = 0; i < count; ++i) found[i] = text.find(markers[i].text, 0, markers[i].length);
+    std::size_t start = 0;
+    for (;;) {
+        std::size_t best = count;
+        for (std::size_t i = 0; i < count; ++i)
+            if (found[i] != std::string::npos && (best == count || found[i] < found[best])) best = i;
+        if (best == count) break;
+        std::size_t const at = found[best];
+        out.append(text, start, at - start);
+        out += "\r\n";
+        start = at + markers[best].skip;
+        // Searching resumes one character after the new segment's start, so
+        // a marker right at its start is not cut again.
+        std::size_t const from = start + 1;
+        for (std::size_t i = 0; i < count; ++i)
+            if (found[i] != std::string::npos && found[i] < from)
+                found[i] = from <= text.size() ? text.find(markers[i].text, from, markers[i].length) : std::string::npos;
+    }
+    out.append(text, start, std::string::npos);
+    return out;
+}
+
+// --- strings ----------------------------------------------------------------------
+
+void decorate_spaces(char* text, unsigned long length) noexcept {
+    for (unsigned long i = 0; i < length; ++i)
+        if (std::isspace(static_cast<unsigned char>(text[i]))) text[i] = '_';
+}
+
+bool need_trim_string(std::string const& s) noexcept {
+    if (s.empty()) return false;
+    return is_trim_blank(s.front()) || (s.size() >= 2 && is_trim_blank(s.back()));
+}
+
+void trim_string(std::string& s) {
+    std::size_t end = s.size();
+    while (end > 0 && is_trim_blank(s[end - 1])) --end;
+    if (end == 0) {
+        s.clear();
+        return;
+    }
+    std::size_t begin = 0;
+    while (is_trim_blank(s[begin])) ++begin;
+    if (end != s.size()) s.erase(end);
+    if (begin != 0) s.erase(0, begin);
+}
+
+unsigned long how_words(std::string const& s, char separator) noexcept {
+    if (s.empty()) return 0;
+    unsigned long n = 1;
+    char const* p = s.data();
+    char const* const e = p + s.size();
+    while ((p = static_cast<char const*>(std::memchr(p, separator, static_cast<std::size_t>(e - p)))) != nullptr) {
+        ++n;
+        ++p;
+    }
+    return n;
+}
+
+void rotate_slashes_real(lstr_t const& s) noexcept {
+    if (s.empty()) return;
+    // The slice is constant, the characters it points to are the caller's
+    // to change.
+    char* p = const_cast<char*>(s.ptr());
+    char* const e = p + s.length();
+    while ((p = static_cast<char*>(std::memchr(p, '\\', static_cast<std::size_t>(e - p)))) != nullptr) *p++ = '/';
+}
+
+// --- memory dumps -------------------------------------------------------------------
+
+std::string hex_dump_just_mem(char const* data, unsigned long size) {
+    std::string out(size * 2, '\0');
+    for (unsigned long i = 0; i < size; ++i) put_hex_lower(static_cast<unsigned char>(data[i]), &out[2 * i]);
+    return out;
+}
+
+std::string hex_dump_mem(char const* data, unsigned long size, bool size_in_hex) {
+    std::string out;
+    if (size_in_hex) {
+        out = hex_string(size);
+    } else {
+        out.reserve(21 + size * 2);
+        add_number_to_string(size, out);
+    }
+    out += ' ';
+    std::size_t const at = out.size();
+    out.resize(at + size * 2);
+    for (unsigned long i = 0; i < size; ++i) put_hex_lower(static_cast<unsigned char>(data[i]), &out[at + 2 * i]);
+    return out;
+}
+
+std::string dump_mem(void const* data, unsigned long size) {
+    auto const* bytes = static_cast<unsigned char const*>(data);
+    std::string out;
+    // Size (at most 20 digits), "b ", "=?ASCII?Q?", three characters per
+    // byte at most, "?=".
+    out.reserve(20 + 2 + 10 + size * 3 + 2);
+    add_number_to_string(size, out);
+    out += "b =?ASCII?Q?";
+    for (unsigned long i = 0; i < size; ++i) {
+        unsigned char const b = bytes[i];
+        if (b == '=') {
+            out += "==";
+        } else if (b >= 32 && b <= 126) {
+            out += static_cast<char>(b);
+        } else {
+            char const esc[3] = {'=', k_hex_upper[b >> 4], k_hex_upper[b & 0xF]};
+            out.append(esc, 3);
+        }
+    }
+    out += "?=";
+    return out;
+}
+
+// --- numbers ------------------------------------------------------------------------
+
+unsigned int from_hex_dig(unsigned char c) noexcept {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10u;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10u;
+    return ~0u;
+}
+
+unsigned int hweight(unsigned int x) noexcept {
+    x = x - ((x >> 1) & 0x55555555u);
+    x = (x & 0x33333333u) + ((x >> 2) & 0x33333333u);
+    x = (x + (x >> 4)) & 0x0F0F0F0Fu;
+    return (x * 0x01010101u) >> 24;
+}
