@@ -5,6 +5,8 @@
 #include "amtypes.h"
 #include "exceptions.h"
 #include "numstrings.h"
+#include "numeric-triades.h"
 #include "unicode.h"
+#include "utilities.h"
 
 #endif  // QVLKERN_KERN_H
