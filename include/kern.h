@@ -4,8 +4,10 @@
 
 #include "amtypes.h"
 #include "exceptions.h"
+#include "loggers.h"
 #include "numstrings.h"
 #include "numeric-triades.h"
+#include "time-objs.h"
 #include "unicode.h"
 #include "utilities.h"
 
