@@ -33,7 +33,10 @@
 //  - set_reason also drops the cached info() text, so a later info() shows
 //    the new reason;
 //  - a record that cannot copy the call stack for lack of memory is still
-//    made, without a stack.
+//    made, without a stack;
+//  - no log-oriented pretty-printing of caught shells is offered here:
+//    callers log what_chain() (one cause per line through split_error) or
+//    info(), and backtraces go through a printer of their choice.
 #ifndef QVLKERN_EXCEPTIONS_H
 #define QVLKERN_EXCEPTIONS_H
 
@@ -188,7 +191,8 @@ public:
     ~q_exception_t_shell_t() override;
 
     q_exception_t_shell_t& create_impl(char const* file, int line, q_exception_t const* cause);
-    void update_reason();
+    // Stamps the staging reason on the record and wipes the staging copy.
+    void update_reason() noexcept;
 
     char const* what() const noexcept override;
     char const* type() const noexcept;

@@ -415,7 +415,7 @@ q_exception_t_shell_t& q_exception_t_shell_t::create_impl(char const* file, int 
     return *this;
 }
 
-void q_exception_t_shell_t::update_reason() {
+void q_exception_t_shell_t::update_reason() noexcept {
     if (impl) impl->set_reason("%s", staging_reason.c_str());
     kern_n::clear_string(staging_reason);
 }
