@@ -1,0 +1,536 @@
+// syncers.cc: mutexes, condition variables, semaphores, events and
+// reader/writer locks over POSIX threads, each counting what it does.
+#include "syncers.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "exceptions.h"
+#include "loggers.h"
+#include "numeric-triades.h"
+#include "utilities.h"
+
+namespace {
+
+using kern::syncers::detail::counter_id_t;
+
+// --- statistic counters ------------------------------------------------------
+//
+// A process-wide counter bumped by every lock and unlock would bounce one
+// cache line between the cores of two threads that share nothing else. So
+// every thread that counts claims a slot of its own: one cache-line-aligned
+// block holding all the counters. The owner alone writes its block, with a
+// plain load and store (no locked instruction); readers add up the blocks.
+// A slot goes back to the pool when its thread ends, keeping its values,
+// which the next owner continues: the totals never lose a count. Threads
+// beyond the pool share the last block through atomic additions. Counting
+// from a signal handler that interrupts its own thread's count could lose
+// one; no primitive here may be used from a signal handler anyway.
+
+constexpr unsigned own_slots = 128;
+constexpr unsigned shared_slot = own_slots;
+
+struct alignas(64) slot_t {
+    std::atomic<q_uint64_t> cell[kern::syncers::detail::counter_count];
+};
+
+slot_t s_slots[own_slots + 1];
+// Bit i set: slot i has an owner. Claimed with acquire and given back with
+// release, so that a new owner sees every count of the previous one.
+std::atomic<q_uint64_t> s_owned[own_slots / 64];
+
+// 0: no slot yet; i + 1: slot i (shared_slot + 1 once the thread has no own
+// slot). Initial-exec TLS keeps the hot path at one %fs-relative load.
+__thread unsigned t_slot __attribute__((tls_model("initial-exec")));
+
+void give_back_slot(void*) noexcept {
+    unsigned const s = t_slot - 1;
+    // Whatever this thread still counts while it ends goes to the shared slot.
+    t_slot = shared_slot + 1;
+    if (s < own_slots) {
+        s_owned[s / 64].fetch_and(~(q_uint64_t(1) << (s % 64)), std::memory_order_release);
+    }
+}
+
+// Only the forking thread lives on in a child: every other slot is free.
+void reclaim_slots_in_child() noexcept {
+    for (auto& word : s_owned) word.store(0, std::memory_order_relaxed);
+    unsigned const s = t_slot - 1;
+    if (s < own_slots) {
+        s_owned[s / 64].store(q_uint64_t(1) << (s % 64), std::memory_order_relaxed);
+    }
+}
+
+// The thread-exit hook that gives a slot back. A key destructor runs after
+// the thread's C++ thread_local destructors (which may still lock), and
+// setting a key below the 32 first ones does not allocate.
+struct slot_key_t {
+    slot_key_t() noexcept {
+        ok = pthread_key_create(&key, &give_back_slot) == 0;
+        pthread_atfork(nullptr, nullptr, &reclaim_slots_in_child);
+    }
+    ~slot_key_t() {
+        // The key's destructor lives in this library: no thread may call it
+        // once the library is gone.
+        if (ok) pthread_key_delete(key);
+        ok = false;
+    }
+    pthread_key_t key;
+    bool ok;
+};
+
+void claim_slot() noexcept {
+    static slot_key_t slot_key;
+    unsigned slot = shared_slot;
+    for (unsigned w = 0; w < own_slots / 64 && slot == shared_slot; ++w) {
+        q_uint64_t bits = s_owned[w].load(std::memory_order_relaxed);
+        while (bits != ~q_uint64_t(0)) {
+            unsigned const bit = static_cast<unsigned>(__builtin_ctzll(~bits));
+            if (s_owned[w].compare_exchange_weak(bits, bits | (q_uint64_t(1) << bit),
+                                                 std::memory_order_acquire,
+                                                 std::memory_order_relaxed)) {
+                slot = w * 64 + bit;
+                break;
+            }
+        }
+    }
+    // Set before the key: should setting it allocate, and the allocator
+    // lock, the nested count finds the slot already in place.
+    t_slot = slot + 1;
+    if (slot != shared_slot && (!slot_key.ok || pthread_setspecific(slot_key.key, &s_slots[slot]) != 0)) {
+        // Without an exit hook the slot would stay claimed for ever; give it
+        // back now and count through the shared slot.
+        give_back_slot(nullptr);
+    }
+}
+
+__attribute__((noinline)) void count_slow(counter_id_t id) noexcept {
+    if (t_slot == 0) claim_slot();
+    unsigned const s = t_slot - 1;
+    if (s < own_slots) {
+        std::atomic<q_uint64_t>& c = s_slots[s].cell[id];
+        c.store(c.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    } else {
+        s_slots[shared_slot].cell[id].fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+inline void tally(counter_id_t id) noexcept {
+    unsigned const s = t_slot - 1;
+    if (__builtin_expect(s < own_slots, 1)) {
+        std::atomic<q_uint64_t>& c = s_slots[s].cell[id];
+        c.store(c.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    } else {
+        count_slow(id);
+    }
+}
+
+// --- failures ------------------------------------------------------------------
+
+// Stores rc as the thread's error number and returns its text.
+std::string error_text(int rc) {
+    set_last_error(rc);
+    error_saver_t saved;
+    return get_last_error(saved);
+}
+
+[[noreturn]] __attribute__((cold, noinline)) void mutex_init_failed(int rc) {
+    QVL_THROW(mutex_exception, "unable to initialize mutex because of %s", error_text(rc).c_str());
+}
+
+[[noreturn]] __attribute__((cold, noinline)) void mutex_lock_failed(int rc) {
+    QVL_THROW(mutex_exception, "unable to lock mutex because of %s", error_text(rc).c_str());
+}
+
+[[noreturn]] __attribute__((cold, noinline)) void mutex_trylock_failed(int rc) {
+    QVL_THROW(mutex_exception, "unable to try to lock mutex because od %s", error_text(rc).c_str());
+}
+
+[[noreturn]] __attribute__((cold, noinline)) void mutex_unlock_failed(int rc) {
+    QVL_THROW(mutex_exception, "unable to unlock mutex because od %s", error_text(rc).c_str());
+}
+
+[[noreturn]] __attribute__((cold, noinline)) void condvar_wait_failed(bool timed, int rc) {
+    QVL_THROW(condvar_exception, "pthread_cond_%swait retcode %d", timed ? "timed" : "", rc);
+}
+
+// Ends the process after a start-up failure without running any exit
+// handler: the library cannot work without its mutex attribute.
+[[noreturn]] void abort_startup() {
+    fflush(stderr);
+    _exit(1);
+}
+
+typedef xlocker_t<mutex_t> hold_t;
+
+}  // namespace
+
+// --- counters ----------------------------------------------------------------------
+
+namespace kern {
+namespace syncers {
+namespace detail {
+
+counter_t::counter_t(counter_id_t id) noexcept : id_(static_cast<int>(id)), value_(0) {
+    for (slot_t& slot : s_slots) slot.cell[id].store(0, std::memory_order_relaxed);
+}
+
+q_uint64_t counter_t::load(std::memory_order) const noexcept {
+    if (id_ < 0) return value_;
+    q_uint64_t sum = 0;
+    for (slot_t const& slot : s_slots) sum += slot.cell[id_].load(std::memory_order_relaxed);
+    return sum;
+}
+
+}  // namespace detail
+}  // namespace syncers
+}  // namespace kern
+
+// --- mutex_t ------------------------------------------------------------------------
+
+mutex_t::init_t::init_t() : attr(nullptr) {
+    char const* env = getenv("QVLSRV_MUTEX_TYPE");
+    int kind = PTHREAD_MUTEX_ERRORCHECK;
+    char const* name = "default errorcheck";
+    if (env) {
+        char* copy = strdup(env);
+        lstr_t const text(env);
+        static char const* const names[] = {"normal", "recursive", "errorcheck", "adaptive"};
+        static int const kinds[] = {PTHREAD_MUTEX_NORMAL, PTHREAD_MUTEX_RECURSIVE,
+                                    PTHREAD_MUTEX_ERRORCHECK, PTHREAD_MUTEX_ADAPTIVE_NP};
+        unsigned i = 0;
+        while (i < 4 && !text.ic_eq(names[i])) ++i;
+        if (i < 4 && copy) {
+            kind = kinds[i];
+            name = copy;
+        } else {
+            ::free(copy);
+        }
+    }
+    mutex_t::type_name = name;
+    mutex_t::type = kind;
+
+    // Both messages end without a line break.
+    int rc = pthread_mutexattr_init(&mutex_t::attr);
+    if (rc != 0) {
+        fprintf(stderr, "*ABORT* Unable to initialize mutex attribute because of %s", error_text(rc).c_str());
+        abort_startup();
+    }
+    attr = &mutex_t::attr;
+    rc = pthread_mutexattr_settype(attr, kind);
+    if (rc != 0) {
+        fprintf(stderr, "*ABORT* Unable to set mutex type to #%u (%s) because of %s", static_cast<unsigned>(kind),
+                mutex_t::type_name, error_text(rc).c_str());
+        abort_startup();
+    }
+}
+
+mutex_t::init_t::~init_t() {
+    if (attr) pthread_mutexattr_destroy(attr);
+    attr = nullptr;
+}
+
+int mutex_t::type = PTHREAD_MUTEX_ERRORCHECK;
+char const* mutex_t::type_name = "default errorcheck";
+pthread_mutexattr_t mutex_t::attr;
+
+mutex_t::mutex_t() {
+    tally(kern::syncers::detail::mutex_ctor);
+    // Before start-up and after teardown the attribute is gone: such a mutex
+    // gets the system's default kind.
+    int const rc = pthread_mutex_init(&m_, initializer.attr);
+    if (rc != 0) mutex_init_failed(rc);
+}
+
+mutex_t::~mutex_t() {
+    tally(kern::syncers::detail::mutex_dtor);
+    pthread_mutex_destroy(&m_);
+}
+
+void mutex_t::xlock() {
+    tally(kern::syncers::detail::mutex_take);
+    int const rc = pthread_mutex_lock(&m_);
+    if (__builtin_expect(rc != 0, 0)) mutex_lock_failed(rc);
+}
+
+bool mutex_t::try_xlock() {
+    tally(kern::syncers::detail::mutex_take);
+    int const rc = pthread_mutex_trylock(&m_);
+    if (__builtin_expect(rc == 0, 1)) return true;
+    if (rc == EBUSY) return false;
+    mutex_trylock_failed(rc);
+}
+
+void mutex_t::unlock() {
+    tally(kern::syncers::detail::mutex_free);
+    int const rc = pthread_mutex_unlock(&m_);
+    if (__builtin_expect(rc != 0, 0)) mutex_unlock_failed(rc);
+}
+
+// --- condvar_t ----------------------------------------------------------------------
+
+condvar_t::condvar_t(bool broadcast) : broadcast(broadcast) {
+    tally(kern::syncers::detail::condvar_ctor);
+    if (pthread_cond_init(&c_, nullptr) != 0) {
+        QVL_THROW(condvar_exception, "unable to initialize conditional variable");
+    }
+}
+
+condvar_t::~condvar_t() {
+    tally(kern::syncers::detail::condvar_dtor);
+    pthread_cond_destroy(&c_);
+}
+
+void condvar_t::signal() {
+    tally(kern::syncers::detail::condvar_free);
+    int const rc = broadcast ? pthread_cond_broadcast(&c_) : pthread_cond_signal(&c_);
+    if (rc != 0) {
+        QVL_THROW(condvar_exception, "unable to %s conditional variable", broadcast ? "broadcast" : "signal");
+    }
+}
+
+void condvar_t::wait(mutex_t& m) {
+    tally(kern::syncers::detail::condvar_take);
+    if (pthread_cond_wait(&c_, &m.m_) != 0) {
+        QVL_THROW(condvar_exception, "unable to wait on conditional variable");
+    }
+}
+
+bool condvar_t::wait(mutex_t& m, timestamp_t deadline) {
+    tally(kern::syncers::detail::condvar_take);
+    if (deadline.is_infinite()) {
+        int const rc = pthread_cond_wait(&c_, &m.m_);
+        if (rc != 0) condvar_wait_failed(false, rc);
+        return true;
+    }
+    timespec until;
+    until.tv_sec = deadline.unixtime();
+    until.tv_nsec = static_cast<long>(deadline.getround(-8, 8) * 10);
+    int const rc = pthread_cond_timedwait(&c_, &m.m_, &until);
+    if (rc == 0) return true;
+    if (rc == ETIMEDOUT) return false;
+    condvar_wait_failed(true, rc);
+}
+
+// --- semaphore_t --------------------------------------------------------------------
+
+semaphore_t::semaphore_t(int initial) : count(initial) {
+    tally(kern::syncers::detail::semaphore_ctor);
+}
+
+semaphore_t::~semaphore_t() {
+    tally(kern::syncers::detail::semaphore_dtor);
+}
+
+bool semaphore_t::try_wait() {
+    tally(kern::syncers::detail::semaphore_take);
+    hold_t hold(lock);
+    // Non-zero, not positive: a negative count hands out units too.
+    if (count == 0) return false;
+    --count;
+    return true;
+}
+
+bool semaphore_t::wait(timestamp_t deadline) {
+    tally(kern::syncers::detail::semaphore_take);
+    hold_t hold(lock);
+    while (count == 0) {
+        if (!lock.wait(deadline)) return false;
+    }
+    --count;
+    return true;
+}
+
+bool semaphore_t::wait(timegap_t timeout) {
+    tally(kern::syncers::detail::semaphore_take);
+    if (!timeout.is_infinite()) return wait(kern::time::now() + timeout);
+    hold_t hold(lock);
+    while (count == 0) lock.wait();
+    --count;
+    return true;
+}
+
+void semaphore_t::post() {
+    tally(kern::syncers::detail::semaphore_free);
+    hold_t hold(lock);
+    ++count;
+    lock.signal();
+}
+
+// --- event_t ------------------------------------------------------------------------
+
+event_t::event_t(bool initially_signalled, bool manual_reset)
+    : signalled(initially_signalled), manual_reset(manual_reset) {
+    tally(kern::syncers::detail::event_ctor);
+}
+
+event_t::~event_t() {
+    tally(kern::syncers::detail::event_dtor);
+}
+
+void event_t::signal() {
+    tally(kern::syncers::detail::event_free);
+    hold_t hold(lock);
+    signalled = true;
+    // One waiter, also for a manual-reset event: later arrivals pass while
+    // the event stays set.
+    lock.signal();
+}
+
+void event_t::reset() {
+    hold_t hold(lock);
+    signalled = false;
+}
+
+bool event_t::try_wait() {
+    tally(kern::syncers::detail::event_take);
+    hold_t hold(lock);
+    if (!signalled) return false;
+    if (!manual_reset) signalled = false;
+    return true;
+}
+
+bool event_t::wait(timestamp_t deadline) {
+    tally(kern::syncers::detail::event_take);
+    hold_t hold(lock);
+    while (!signalled) {
+        if (!lock.wait(deadline)) return false;
+    }
+    if (!manual_reset) signalled = false;
+    return true;
+}
+
+bool event_t::wait(timegap_t timeout) {
+    tally(kern::syncers::detail::event_take);
+    if (!timeout.is_infinite()) return wait(kern::time::now() + timeout);
+    hold_t hold(lock);
+    while (!signalled) lock.wait();
+    if (!manual_reset) signalled = false;
+    return true;
+}
+
+// --- rwlock_t -----------------------------------------------------------------------
+
+rwlock_t::rwlock_t() : readers(true), writers(false), readers_waiting(0), writers_waiting(0), state(0) {
+    tally(kern::syncers::detail::rwlock_ctor);
+}
+
+rwlock_t::~rwlock_t() {
+    tally(kern::syncers::detail::rwlock_dtor);
+}
+
+void rwlock_t::slock() {
+    tally(kern::syncers::detail::rwlock_stake);
+    hold_t hold(guard);
+    while (state < 0 || (write_prefered && writers_waiting > 0)) {
+        ++readers_waiting;
+        readers.wait(guard);
+        --readers_waiting;
+    }
+    ++state;
+}
+
+bool rwlock_t::try_slock() {
+    tally(kern::syncers::detail::rwlock_stake);
+    hold_t hold(guard);
+    if (state < 0 || (write_prefered && writers_waiting > 0)) return false;
+    ++state;
+    return true;
+}
+
+void rwlock_t::xlock() {
+    tally(kern::syncers::detail::rwlock_xtake);
+    hold_t hold(guard);
+    while (state != 0) {
+        ++writers_waiting;
+        writers.wait(guard);
+        --writers_waiting;
+    }
+    state = -1;
+}
+
+bool rwlock_t::try_xlock() {
+    tally(kern::syncers::detail::rwlock_xtake);
+    hold_t hold(guard);
+    if (state != 0) return false;
+    state = -1;
+    return true;
+}
+
+void rwlock_t::unlock() {
+    tally(kern::syncers::detail::rwlock_free);
+    hold_t hold(guard);
+    if (state > 0) {
+        --state;
+    } else if (state == -1) {
+        state = 0;
+    }
+    if (write_prefered) {
+        // While a writer waits, readers stay asleep; the writer gets the
+        // lock when the last holder leaves.
+        if (writers_waiting > 0) {
+            if (state == 0) writers.signal();
+        } else if (readers_waiting > 0) {
+            readers.signal();
+        }
+    } else if (readers_waiting > 0) {
+        readers.signal();
+    } else if (writers_waiting > 0 && state == 0) {
+        writers.signal();
+    }
+}
+
+// --- report -------------------------------------------------------------------------
+
+namespace {
+
+// The decimal text of a counter figure.
+std::string figure(q_uint64_t value) {
+    std::string text;
+    add_number_to_string(static_cast<unsigned long long>(value), text);
+    return text;
+}
+
+}  // namespace
+
+void log_syncers_stat() {
+    namespace d = kern::syncers::detail;
+    if_logger_t* log = if_logger_t::Log;
+    if (!log) return;
+    // Each line reads its counters afresh; a report may mix moments.
+    if (log->is_logged(if_logger_t::NOTICE)) {
+        q_uint64_t const ctor = d::mutex::ctor, take = d::mutex::take;
+        log->log(if_logger_t::NOTICE, "[Sync] Mutex: %s total, %s locks; %s existing, %s locked now",
+                 figure(ctor).c_str(), figure(take).c_str(), figure(ctor - d::mutex::dtor).c_str(),
+                 figure(take - d::mutex::free).c_str());
+    }
+    if (log->is_logged(if_logger_t::NOTICE)) {
+        q_uint64_t const ctor = d::condvar::ctor;
+        log->log(if_logger_t::NOTICE, "[Sync] Condvar: %s existing; %s total, %s signals, %s waits",
+                 figure(ctor - d::condvar::dtor).c_str(), figure(ctor).c_str(),
+                 figure(d::condvar::free).c_str(), figure(d::condvar::take).c_str());
+    }
+    if (log->is_logged(if_logger_t::NOTICE)) {
+        q_uint64_t const ctor = d::event::ctor;
+        log->log(if_logger_t::NOTICE, "[Sync] Event: %s existing; %s total, %s signals, %s waits",
+                 figure(ctor - d::event::dtor).c_str(), figure(ctor).c_str(), figure(d::event::free).c_str(),
+                 figure(d::event::take).c_str());
+    }
+    if (log->is_logged(if_logger_t::NOTICE)) {
+        q_uint64_t const ctor = d::semaphore::ctor;
+        log->log(if_logger_t::NOTICE, "[Sync] Semaphore: %s existing; %s total, %s posts, %s waits",
+                 figure(ctor - d::semaphore::dtor).c_str(), figure(ctor).c_str(),
+                 figure(d::semaphore::free).c_str(), figure(d::semaphore::take).c_str());
+    }
+    if (log->is_logged(if_logger_t::NOTICE)) {
+        q_uint64_t const ctor = d::rwlock::ctor;
+        log->log(if_logger_t::NOTICE, "[Sync] R/W Lock: %s existing; %s total, %s signals, %s s-waits, %s x-waits",
+                 figure(ctor - d::rwlock::dtor).c_str(), figure(ctor).c_str(), figure(d::rwlock::free).c_str(),
+                 figure(d::rwlock::stake).c_str(), figure(d::rwlock::xtake).c_str());
+    }
+}
