@@ -11,6 +11,7 @@
 
 #include "amtypes.h"
 #include "exceptions.h"
+#include "syncers.h"
 
 namespace {
 
@@ -21,5 +22,35 @@ struct case_tables_t {
 
 }  // namespace
 
+// The kind of every mutex_t, from QVLSRV_MUTEX_TYPE.
+mutex_t::init_t mutex_t::initializer;
+
+// Synchronisation counters; constructing one clears it.
+namespace kern {
+namespace syncers {
+namespace detail {
+namespace mutex {
+counter_t ctor(mutex_ctor), dtor(mutex_dtor), take(mutex_take), free(mutex_free);
+}
+namespace event {
+counter_t ctor(event_ctor), dtor(event_dtor), take(event_take), free(event_free);
+}
+namespace semaphore {
+counter_t ctor(semaphore_ctor), dtor(semaphore_dtor), take(semaphore_take), free(semaphore_free);
+}
+namespace condvar {
+counter_t ctor(condvar_ctor), dtor(condvar_dtor), take(condvar_take), free(condvar_free);
+}
+namespace rwlock {
+counter_t ctor(rwlock_ctor), dtor(rwlock_dtor), stake(rwlock_stake), xtake(rwlock_xtake), free(rwlock_free);
+}
+}  // namespace detail
+}  // namespace syncers
+}  // namespace kern
+
 // The thread-specific slot holding each thread's exception call stack.
 pthread_key_t callstack_t::key = qexception_initializer();
+
+// Presence of QVLSRV_RWLOCK_READPREFERED makes every rwlock_t prefer
+// writers (sic: the flag's name is the reverse of the variable's).
+bool rwlock_t::write_prefered = getenv("QVLSRV_RWLOCK_READPREFERED") != nullptr;
