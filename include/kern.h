@@ -7,6 +7,7 @@
 #include "loggers.h"
 #include "numstrings.h"
 #include "numeric-triades.h"
+#include "syncers.h"
 #include "time-objs.h"
 #include "unicode.h"
 #include "utilities.h"
