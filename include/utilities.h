@@ -95,4 +95,41 @@ QVL_API unsigned int from_hex_dig(unsigned char c) noexcept;
 // Number of one bits.
 QVL_API unsigned int hweight(unsigned int x) noexcept;
 
+// --- time and duration strings ---------------------------------------------------
+// Renderings of durations and weekdays for logs, status output and
+// statistics (time values: time-objs.h).
+//
+// Choices left open elsewhere and made here:
+//  - format_uptime appends to out and never clears it;
+//  - ts_to_date gives the date day first, DD/MM/YYYY hh:mm:ss.mmm, and
+//    ts_to_readable_date year first, YYYY/MM/DD hh:mm:ss.mmm; a text shorter
+//    than 17 characters is returned as it is;
+//  - wday_to_string returns a static text.
+class timegap_t;
+class timestamp_t;
+
+// "[d-][hh:][mm:]ss.mmm": the hours once days are written or they are not
+// zero, the minutes likewise. The milliseconds are written without leading
+// zeros and then padded with trailing ones (5 ms read ".500", 12 ms ".120");
+// consumers of this text expect exactly that.
+QVL_API std::string elapsed_time(timegap_t const& gap);
+// elapsed_time of the time from since to now.
+QVL_API std::string elapsed_time(timestamp_t const& since);
+// Appends "DD-HH:MM:SS", or "HH:MM:SS" without whole days; the day count is
+// cut to its last two digits.
+QVL_API void format_uptime(timegap_t const& gap, std::string& out);
+// "[d-][hh:]mm:ss" of a duration in seconds. A zero hour count is left out
+// even after days (86401 seconds read "1-00:01").
+QVL_API std::string str_time(unsigned long seconds);
+// str_time of the time elapsed from a Unix time to now.
+QVL_API std::string time_string(long unix_seconds);
+// "Monday" for 0 ... "Sunday" for 6, "Error" for anything else.
+QVL_API char const* wday_to_string(int day);
+// 0 (Monday) to 6 (Sunday) for a day's full, three-letter or two-letter
+// name in any case; -1 for anything else, null included.
+QVL_API int string_to_wday(char const* name);
+// The 17-digit time stamp text YYYYMMDDhhmmssmmm cut into its fields.
+QVL_API std::string ts_to_date(std::string const& ts);
+QVL_API std::string ts_to_readable_date(std::string const& ts);
+
 #endif  // QVLKERN_UTILITIES_H

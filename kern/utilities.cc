@@ -254,3 +254,134 @@ unsigned int hweight(unsigned int x) noexcept {
     x = (x + (x >> 4)) & 0x0F0F0F0Fu;
     return (x * 0x01010101u) >> 24;
 }
+
+// --- time and duration strings ---------------------------------------------------
+
+#include "time-objs.h"
+
+namespace {
+
+char const* const k_wday_full[7] = {"Monday", "Tuesday", "Wednesday", "Thursday", "Friday", "Saturday", "Sunday"};
+char const* const k_wday_abbr3[7] = {"Mon", "Tue", "Wed", "Thu", "Fri", "Sat", "Sun"};
+char const* const k_wday_abbr2[7] = {"Mo", "Tu", "We", "Th", "Fr", "Sa", "Su"};
+
+// printf's "%02d".
+inline void add_02d(long value, std::string& out) {
+    if (value >= 0 && value < 10) out += '0';
+    add_number_to_string(value, out);
+}
+
+// "[hh:]mm:ss" with the hour left out when it is zero.
+void add_clock(long hours, long minutes, long seconds, std::string& out) {
+    if (hours != 0) {
+        add_02d(hours, out);
+        out += ':';
+    }
+    add_02d(minutes, out);
+    out += ':';
+    add_02d(seconds, out);
+}
+
+// Joins the fields of a 17-digit stamp text: the three date fields in the
+// order given by their offsets, then " hh:mm:ss.mmm".
+std::string join_ts(std::string const& ts, int first, int first_len, int third, int third_len) {
+    if (ts.size() < 17) return ts;
+    std::string out;
+    out.reserve(23);
+    out.append(ts, first, first_len).append(1, '/').append(ts, 4, 2).append(1, '/').append(ts, third, third_len);
+    out.append(1, ' ').append(ts, 8, 2).append(1, ':').append(ts, 10, 2).append(1, ':').append(ts, 12, 2);
+    out.append(1, '.').append(ts, 14, 3);
+    return out;
+}
+
+}  // namespace
+
+std::string elapsed_time(timegap_t const& gap) {
+    q_int64_t const d = gap.get(3, 0);
+    q_int64_t const h = gap.get(2, 1);
+    q_int64_t const m = gap.get(1, 1);
+    q_int64_t const s = gap.get(0, 1);
+    q_int64_t const ms = gap.get(-3, 3);
+    std::string out;
+    if (d != 0) {
+        add_number_to_string(d, out);
+        out += '-';
+    }
+    if (!out.empty() || h != 0) {
+        if (h < 10) out += '0';
+        add_number_to_string(h, out);
+        out += ':';
+    }
+    if (!out.empty() || m != 0) {
+        if (m < 10) out += '0';
+        add_number_to_string(m, out);
+        out += ':';
+    }
+    if (s < 10) out += '0';
+    add_number_to_string(s, out);
+    out += '.';
+    add_number_to_string(ms, out);
+    if (ms < 10)
+        out += "00";
+    else if (ms < 100)
+        out += '0';
+    return out;
+}
+
+std::string elapsed_time(timestamp_t const& since) { return elapsed_time(kern::time::now() - since); }
+
+void format_uptime(timegap_t const& gap, std::string& out) {
+    char buf[11];
+    char* p = buf;
+    int days = static_cast<int>(gap.get(3, 0) % 100);
+    if (days != 0) {
+        p += decimal_convertor_t<int, 2>::store0(days, p);
+        *p++ = '-';
+    }
+    int h = static_cast<int>(gap.get(2, 1));
+    int m = static_cast<int>(gap.get(1, 1));
+    int s = static_cast<int>(gap.get(0, 1));
+    p += decimal_convertor_t<int, 2>::store0(h, p);
+    *p++ = ':';
+    p += decimal_convertor_t<int, 2>::store0(m, p);
+    *p++ = ':';
+    p += decimal_convertor_t<int, 2>::store0(s, p);
+    out.append(buf, static_cast<std::size_t>(p - buf));
+}
+
+std::string str_time(unsigned long seconds) {
+    std::string out;
+    unsigned long days = 0;
+    if (seconds >= 86400) {
+        days = seconds / 86400;
+        add_number_to_string(days, out);
+        out += '-';
+    }
+    add_clock(static_cast<long>(seconds / 3600 - days * 24), static_cast<long>(seconds / 60 % 60),
+              static_cast<long>(seconds % 60), out);
+    return out;
+}
+
+std::string time_string(long unix_seconds) {
+    long const d = static_cast<long>(kern::time::now().unixtime()) - unix_seconds;
+    std::string out;
+    if (d >= 86400) {
+        add_number_to_string(d / 86400, out);
+        out += '-';
+    }
+    add_clock(d / 3600 % 24, d / 60 % 60, d % 60, out);
+    return out;
+}
+
+char const* wday_to_string(int day) { return day >= 0 && day < 7 ? k_wday_full[day] : "Error"; }
+
+int string_to_wday(char const* name) {
+    lstr_t const n(name);
+    for (int i = 0; i < 7; ++i)
+        if (n.ic_eq(k_wday_full[i]) || n.ic_eq(k_wday_abbr3[i]) || n.ic_eq(k_wday_abbr2[i])) return i;
+    return -1;
+}
+
+std::string ts_to_date(std::string const& ts) { return join_ts(ts, 6, 2, 0, 4); }
+
+std::string ts_to_readable_date(std::string const& ts) { return join_ts(ts, 0, 4, 6, 2); }
