@@ -11,6 +11,7 @@
 
 #include "amtypes.h"
 #include "exceptions.h"
+#include "loggers.h"
 #include "syncers.h"
 
 namespace {
@@ -54,3 +55,15 @@ pthread_key_t callstack_t::key = qexception_initializer();
 // Presence of QVLSRV_RWLOCK_READPREFERED makes every rwlock_t prefer
 // writers (sic: the flag's name is the reverse of the variable's).
 bool rwlock_t::write_prefered = getenv("QVLSRV_RWLOCK_READPREFERED") != nullptr;
+// Presence of QVLSRV_NO_LASTREPEAT stops descriptor loggers folding repeats.
+bool fd_logger_t::last_repeated_avail = getenv("QVLSRV_NO_LASTREPEAT") == nullptr;
+
+// (steps 8 to 13 go here)
+
+// The process logger: a descriptor logger on standard error until the
+// program calls init_logger. At exit it is deleted and the process logger
+// falls back to the simple logger, so the rest of the teardown can log.
+if_logger_t* if_logger_t::Log = fd_logger_t::create_();
+static logger_init_t const s_logger_teardown;
+// The bootstrap logger (never destroyed; see loggers.cc).
+logger_init_t::simple& logger_init_t::s_simple_ = logger_init_t::instance();

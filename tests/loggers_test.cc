@@ -1,0 +1,708 @@
+// Tests of the logger interface, the descriptor, syslog and chain loggers and
+// init_logger: real descriptors (memfd, pipes), real child processes, and a
+// real syslog socket when the test may mount one over /dev/log.
+#include "loggers.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "exceptions.h"
+
+namespace {
+
+typedef if_logger_t::msgclass_t msgclass_t;
+
+// A descriptor to log into and read back.
+struct memfile_t {
+    int fd = memfd_create("log", MFD_CLOEXEC);
+    ~memfile_t() { close(fd); }
+    std::string text() const {
+        std::string s;
+        char buf[65536];
+        ssize_t n;
+        off_t off = 0;
+        while ((n = pread(fd, buf, sizeof buf, off)) > 0) s.append(buf, size_t(n)), off += n;
+        return s;
+    }
+    std::vector<std::string> lines() const {
+        std::vector<std::string> out;
+        std::string const s = text();
+        size_t b = 0;
+        for (size_t e; (e = s.find('\n', b)) != std::string::npos; b = e + 1) out.push_back(s.substr(b, e - b));
+        EXPECT_EQ(b, s.size()) << "text after the last line end";
+        return out;
+    }
+};
+
+// The message after the prefix, which ends with "noname ".
+std::string body(std::string const& line) {
+    size_t const p = line.find("] noname ");
+    return p == std::string::npos ? "<no prefix: " + line + ">" : line.substr(p + 9);
+}
+
+// Keeps what is written; tells when it is destroyed.
+class record_logger_t : public if_logger_t {
+public:
+    explicit record_logger_t(bool* gone = nullptr) : if_logger_t(INFO), gone_(gone) {}
+    ~record_logger_t() override {
+        if (gone_) *gone_ = true;
+    }
+    bool is_stderr() const override { return false; }
+    size_t write(char const* t) override {
+        lines.push_back(t);
+        return std::strlen(t);
+    }
+    std::vector<std::string> lines;
+
+private:
+    bool* gone_;
+};
+
+struct counting_handler_t : if_logger_error_t {
+    void notify(if_logger_t* l, error_type_t type, std::string const& text) override {
+        ++calls;
+        last_type = type;
+        last_text = text;
+        level_seen = l->get_level();
+        l->log_CRIT("from the handler");  // dropped: the level is -1 meanwhile
+        if (throws) throw std::runtime_error("handler failed");
+    }
+    int calls = 0;
+    int last_type = -2;
+    int level_seen = -2;
+    bool throws = false;
+    std::string last_text;
+};
+
+// Restores the process logger and the generation after a test.
+struct log_guard_t {
+    if_logger_t* saved = if_logger_t::Log;
+    q_uint32_t gen = if_logger_t::generation;
+    ~log_guard_t() {
+        if_logger_t::Log = saved;
+        if_logger_t::generation = gen;
+    }
+};
+
+std::string stamp(struct timespec const& ts) {
+    struct tm tm;
+    localtime_r(&ts.tv_sec, &tm);
+    char buf[96];
+    std::snprintf(buf, sizeof buf, "%04d%02d%02d.%02d%02d%02d.%02ld", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
+                  tm.tm_hour, tm.tm_min, tm.tm_sec, ts.tv_nsec / 10000000);
+    return buf;
+}
+
+std::string five(long v) {
+    char buf[8];
+    std::snprintf(buf, sizeof buf, "%05ld", v % 100000);
+    return buf;
+}
+
+TEST(LoggerLevels, NamesAcronymsAndFilter) {
+    char const* names[] = {"CRIT",   "ERROR",  "WARNING", "NOTICE", "INFO",   "TRACE", "TRACE1",
+                           "TRACE2", "TRACE3", "DEBUG",   "DEBUG1", "DEBUG2", "DEBUG3"};
+    char const* acr[] = {"FTL", "ERR", "wrn", "ntc", "inf", "tr0", "tr1", "tr2", "tr3", "db0", "db1", "db2", "db3"};
+    for (int i = 0; i < 13; ++i) {
+        EXPECT_STREQ(if_logger_t::translate_loglevel(i), names[i]);
+        EXPECT_STREQ(if_logger_t::severity(i), acr[i]);
+        int v = -5, a = -5;
+        EXPECT_TRUE(if_logger_t::translate_loglevel(names[i], v));
+        EXPECT_EQ(v, i);
+        EXPECT_TRUE(if_logger_t::translate_loglevel_acronym(lstr_t(acr[i]), a));
+        EXPECT_EQ(a, i);
+    }
+    EXPECT_STREQ(if_logger_t::translate_loglevel(13), "ALL");
+    EXPECT_STREQ(if_logger_t::translate_loglevel(-1), "ALL");
+    EXPECT_STREQ(if_logger_t::severity(13), "db3");
+    EXPECT_STREQ(if_logger_t::severity(-1), "db3");
+    int v = -5;
+    EXPECT_TRUE(if_logger_t::translate_loglevel("all", v));
+    EXPECT_EQ(v, 12);
+    EXPECT_TRUE(if_logger_t::translate_loglevel("Debug", v));
+    EXPECT_EQ(v, 9);
+    v = -5;
+    EXPECT_FALSE(if_logger_t::translate_loglevel("fatal", v));
+    EXPECT_FALSE(if_logger_t::translate_loglevel(nullptr, v));
+    EXPECT_FALSE(if_logger_t::translate_loglevel("INFO ", v));
+    EXPECT_EQ(v, -5);
+    EXPECT_TRUE(if_logger_t::translate_loglevel_acronym(lstr_t("UNK"), v));
+    EXPECT_EQ(v, 13);
+    EXPECT_TRUE(if_logger_t::translate_loglevel_acronym(lstr_t("DB3"), v));
+    EXPECT_EQ(v, 12);
+    EXPECT_FALSE(if_logger_t::translate_loglevel_acronym(lstr_t("db"), v));
+
+    record_logger_t l;
+    EXPECT_EQ(l.get_level(), 4);
+    for (int c = 0; c <= 12; ++c) EXPECT_EQ(l.is_logged(c), c <= 4) << c;
+    l.set_level(-1);
+    EXPECT_FALSE(l.is_logged(0));
+    l.log_CRIT("x");
+    EXPECT_TRUE(l.lines.empty());
+    l.set_level(12);
+    l.log(12, "all %d", 12);
+    l.log_DEBUG_3("three");
+    ASSERT_EQ(l.lines.size(), 2u);
+    EXPECT_EQ(body(l.lines[0]), "all 12");  // the base format adds no line end
+    EXPECT_NE(l.lines[1].find(" db3 ["), std::string::npos);
+}
+
+TEST(LoggerPrefix, LayoutParsesBack) {
+    log_guard_t guard;
+    memfile_t f;
+    if_logger_t* l = fd_logger_t::create(f.fd);
+    if_logger_t::generation = 1;
+    struct timespec before, after;
+    clock_gettime(CLOCK_REALTIME, &before);
+    l->log_INFO("hello %d", 5);
+    clock_gettime(CLOCK_REALTIME, &after);
+    if_logger_t::generation = 105;
+    l->log_WARNING("gen");
+    if_logger_t::generation = 2;
+    l->set_level(13);
+    l->log(13, "out of range");
+    delete l;
+
+    std::vector<std::string> lines = f.lines();
+    ASSERT_EQ(lines.size(), 3u);
+    std::string const& a = lines[0];
+    // 20141202.133605.07 inf [04711 04713] noname hello 5
+    ASSERT_GE(a.size(), 18u) << a;
+    std::string const t = a.substr(0, 18);
+    EXPECT_LE(stamp(before), t);
+    EXPECT_GE(stamp(after), t);
+    EXPECT_EQ(a.substr(18), " inf [" + five(getpid()) + " " + five(syscall(SYS_gettid)) + "] noname hello 5");
+    EXPECT_EQ(lines[1].substr(18), " wrn [" + five(getpid()) + " " + five(syscall(SYS_gettid)) + " 05] noname gen");
+    EXPECT_NE(lines[2].find(" db3 ["), std::string::npos);
+    EXPECT_NE(lines[2].find(" 02] noname out of range"), std::string::npos);
+
+    // Another thread shows its own id.
+    std::string other;
+    std::thread([&] {
+        other = five(syscall(SYS_gettid));
+        std::string s;
+        record_logger_t r;
+        r.format_pref(s, 4);
+        other += "|" + s.substr(30, 5);
+    }).join();
+    EXPECT_EQ(other.substr(0, 5), other.substr(6));
+}
+
+TEST(FdLogger, RepeatFolding) {
+    log_guard_t guard;
+    ASSERT_TRUE(fd_logger_t::last_repeated_avail);
+    memfile_t f;
+    if_logger_t* l = fd_logger_t::create(f.fd);
+    EXPECT_FALSE(l->is_stderr());
+    if_logger_t::generation = 10;
+    l->log_INFO("a");
+    if_logger_t::generation = 11;
+    l->log_INFO("a");
+    if_logger_t::generation = 12;
+    l->log_WARNING("a");  // another class, same text: a repeat too
+    if_logger_t::generation = 13;
+    l->log_INFO("b");
+    l->log_INFO("c");
+    l->log_INFO("c");
+    delete l;  // the pending summary is written at destruction
+    std::vector<std::string> lines = f.lines();
+    ASSERT_EQ(lines.size(), 5u);
+    EXPECT_EQ(body(lines[0]), "a");
+    EXPECT_NE(lines[1].find(" wrn ["), std::string::npos) << "prefix of the last repetition";
+    EXPECT_NE(lines[1].find(" 12] noname [Logger] Last message repeated 3 times"), std::string::npos) << lines[1];
+    EXPECT_EQ(body(lines[2]), "b");
+    EXPECT_EQ(body(lines[3]), "c");
+    EXPECT_EQ(body(lines[4]), "[Logger] Last message repeated 2 times");
+
+    memfile_t g;
+    l = fd_logger_t::create(g.fd);
+    l->log_INFO("x");
+    delete l;
+    EXPECT_EQ(g.lines().size(), 1u);
+}
+
+// Runs this test binary again with only the tests of filter and with extra
+// set in its environment; answers the exit status and standard output.
+int run_child_test(char const* filter, char const* extra, std::string& out) {
+    int p[2];
+    if (pipe2(p, O_CLOEXEC) != 0) return -1;
+    pid_t pid = fork();
+    if (pid == 0) {
+        if (extra) putenv(const_cast<char*>(extra));
+        std::string f = std::string("--gtest_filter=") + filter;
+        dup2(p[1], 1);
+        execl("/proc/self/exe", "loggers_test", f.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(p[1]);
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(p[0], buf, sizeof buf)) > 0) out.append(buf, size_t(n));
+    close(p[0]);
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+TEST(FdLogger, NoLastRepeatInChild) {
+    std::string out;
+    EXPECT_EQ(run_child_test("LoggerChild.*", "QVLSRV_NO_LASTREPEAT=", out), 0) << out;
+    EXPECT_NE(out.find("[  PASSED  ] 1 test"), std::string::npos) << out;
+}
+
+// Runs only in the child started above.
+TEST(LoggerChild, NoLastRepeatAndStartupLogger) {
+    if (!std::getenv("QVLSRV_NO_LASTREPEAT")) GTEST_SKIP() << "runs in a child process only";
+    EXPECT_FALSE(fd_logger_t::last_repeated_avail);
+    // The start-up logger: a descriptor logger on standard error at INFO.
+    ASSERT_NE(if_logger_t::Log, nullptr);
+    EXPECT_NE(dynamic_cast<fd_logger_impl_t*>(if_logger_t::Log), nullptr);
+    EXPECT_TRUE(if_logger_t::Log->is_stderr());
+    EXPECT_EQ(if_logger_t::Log->get_level(), 4);
+    memfile_t f;
+    if_logger_t* l = fd_logger_t::create(f.fd);
+    for (char const* m : {"a", "a", "a", "b"}) l->log_INFO("%s", m);
+    delete l;
+    std::vector<std::string> lines = f.lines();
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(body(lines[2]), "a");
+}
+
+TEST(FdLogger, ConcurrentLinesStayWhole) {
+    memfile_t f;
+    if_logger_t* l = fd_logger_t::create(f.fd);
+    int const threads = 4, per = 3000;
+    std::vector<std::thread> ts;
+    for (int t = 0; t < threads; ++t)
+        ts.emplace_back([=] {
+            for (int i = 0; i < per; ++i) {
+                // every 100th line is long, to cross pipe-sized writes
+                int const pad = i % 100 == 7 ? 20000 : 40;
+                l->log_INFO("t%d i%d %s end", t, i, std::string(size_t(pad), char('a' + t)).c_str());
+            }
+        });
+    for (std::thread& t : ts) t.join();
+    delete l;
+    std::vector<std::string> lines = f.lines();
+    ASSERT_EQ(lines.size(), size_t(threads * per));
+    std::set<std::pair<int, int>> seen;
+    for (std::string const& line : lines) {
+        int t = -1, i = -1, n = 0;
+        std::string const b = body(line);
+        ASSERT_EQ(std::sscanf(b.c_str(), "t%d i%d %n", &t, &i, &n), 2) << line.substr(0, 80);
+        int const pad = i % 100 == 7 ? 20000 : 40;
+        ASSERT_EQ(b.substr(size_t(n)), std::string(size_t(pad), char('a' + t)) + " end") << line.substr(0, 80);
+        EXPECT_TRUE(seen.insert({t, i}).second) << "duplicate " << t << "/" << i;
+    }
+    EXPECT_EQ(seen.size(), size_t(threads * per));
+}
+
+// Fills a non-blocking pipe to the last byte.
+void fill_pipe(int fd) {
+    std::string const fill(4096, 'x');
+    while (write(fd, fill.data(), fill.size()) > 0) {
+    }
+    while (write(fd, "x", 1) > 0) {
+    }
+}
+
+TEST(FdLogger, WriteFailureReportedOnce) {
+    struct sigaction ign = {}, old;
+    ign.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &ign, &old);
+    int p[2];
+    ASSERT_EQ(pipe2(p, O_CLOEXEC), 0);
+    close(p[0]);
+    if_logger_t* l = fd_logger_t::create(p[1]);
+    counting_handler_t h;
+    l->insert_handler(&h);
+    l->log_INFO("one");
+    l->log_INFO("two");
+    l->log_INFO("three");
+    EXPECT_EQ(h.calls, 1);
+    EXPECT_EQ(h.last_type, if_logger_error_t::write_failed);
+    EXPECT_EQ(h.last_text, std::string(strerror(EPIPE)) + " (errno=32)");
+    EXPECT_EQ(h.level_seen, -1);
+    EXPECT_EQ(l->get_level(), 4);
+    delete l;
+    close(p[1]);
+    sigaction(SIGPIPE, &old, nullptr);
+
+    // A full non-blocking pipe: reported once, silent while full, reported
+    // again after a write has gone through.
+    ASSERT_EQ(pipe2(p, O_CLOEXEC | O_NONBLOCK), 0);
+    fill_pipe(p[1]);
+    counting_handler_t h2;
+    l = fd_logger_t::create(p[1]);
+    l->insert_handler(&h2);
+    l->log_INFO("full 1");
+    EXPECT_EQ(l->write("direct\n"), 0u);
+    l->log_INFO("full 2");
+    EXPECT_EQ(h2.calls, 1);
+    EXPECT_EQ(h2.last_text, std::string(strerror(EAGAIN)) + " (errno=11)");
+    char buf[65536];
+    while (read(p[0], buf, sizeof buf) > 0) {
+    }
+    l->log_INFO("after");
+    ssize_t n = read(p[0], buf, sizeof buf);
+    ASSERT_GT(n, 0);
+    EXPECT_EQ(body(std::string(buf, size_t(n))), "after\n");
+    fill_pipe(p[1]);
+    l->log_INFO("full 3");
+    EXPECT_EQ(h2.calls, 2);
+    l->remove_handler(&h2);
+    l->log_INFO("full 4");
+    l->log_INFO("full 5");
+    EXPECT_EQ(h2.calls, 2);
+    delete l;
+    close(p[0]);
+    close(p[1]);
+}
+
+TEST(LoggerHandlers, NotifyRestoresLevelWhenHandlerThrows) {
+    record_logger_t l;
+    l.set_level(7);
+    counting_handler_t h;
+    h.throws = true;
+    l.insert_handler(&h);
+    l.insert_handler(&h);  // a set: once
+    EXPECT_THROW(l.notify_error(if_logger_error_t::rotation_failed, "lost"), std::runtime_error);
+    EXPECT_EQ(h.calls, 1);
+    EXPECT_EQ(h.level_seen, -1);
+    EXPECT_EQ(h.last_type, 1);
+    EXPECT_EQ(h.last_text, "lost");
+    EXPECT_EQ(l.get_level(), 7);
+    EXPECT_TRUE(l.lines.empty());
+    l.remove_handler(&h);
+    l.notify_error(if_logger_error_t::write_failed, "x");
+    EXPECT_EQ(h.calls, 1);
+}
+
+std::string bug_text(std::function<void()> const& f) {
+    try {
+        f();
+    } catch (BUG_exception_shell_t const& e) {
+        return e.what();
+    }
+    return "<no BUG_exception>";
+}
+
+TEST(ChainLogger, MembersLevelsAndErrors) {
+    memfile_t f;
+    if_logger_t* a = fd_logger_t::create(f.fd);
+    if_logger_t* c = chain_logger_t::create(a, a);
+    c->log_INFO("once");
+    EXPECT_EQ(f.lines().size(), 1u);
+    EXPECT_EQ(bug_text([&] { c->write("x"); }), "chain_logger_impl_t::write( const char* ) called");
+    a->set_level(-1);
+    EXPECT_EQ(c->get_level(), 0);  // first alone: negative reads as 0
+    delete c;                      // destroys a once
+
+    record_logger_t* x = new record_logger_t;
+    record_logger_t* y = new record_logger_t;
+    x->set_level(2);
+    y->set_level(6);
+    c = chain_logger_t::create(x, y);
+    EXPECT_EQ(c->get_level(), 6);
+    EXPECT_TRUE(c->is_logged(6));
+    EXPECT_FALSE(c->is_logged(7));
+    c->log_NOTICE("n %s", "arg");
+    c->log_FAULT("f");
+    EXPECT_EQ(x->lines.size(), 1u);
+    EXPECT_EQ(y->lines.size(), 2u);
+    EXPECT_EQ(body(y->lines[0]), "n arg");
+    c->set_level(3);
+    EXPECT_EQ(x->get_level(), 3);
+    EXPECT_EQ(y->get_level(), 3);
+    counting_handler_t h;
+    c->insert_handler(&h);
+    x->notify_error(if_logger_error_t::write_failed, "m");
+    y->notify_error(if_logger_error_t::write_failed, "m");
+    EXPECT_EQ(h.calls, 2);
+    c->remove_handler(&h);
+    y->notify_error(if_logger_error_t::write_failed, "m");
+    EXPECT_EQ(h.calls, 2);
+    EXPECT_FALSE(c->is_stderr());
+    delete c;
+
+    // The facade test fails for the descriptor loggers that create makes.
+    if_logger_t* e = fd_logger_t::create();
+    EXPECT_TRUE(e->is_stderr());
+    EXPECT_FALSE(chain_logger_impl_t::has_stderr_again(e));
+    EXPECT_FALSE(chain_logger_impl_t::has_stderr_again(nullptr));
+    c = chain_logger_t::create(e, nullptr);
+    EXPECT_FALSE(c->is_stderr());
+    delete c;
+}
+
+TEST(ChainLogger, AddRemoveCollectInfo) {
+    log_guard_t guard;
+    std::string info;
+    if_logger_t::Log = nullptr;
+    chain_logger_t::collect_info(info);
+    EXPECT_EQ(info, "zero logger");
+    EXPECT_EQ(bug_text([] { chain_logger_t::remove(reinterpret_cast<if_logger_t*>(8)); }), "zero logger");
+    chain_logger_t::remove(nullptr);
+
+    record_logger_t *a = new record_logger_t, *b = new record_logger_t, *c = new record_logger_t, d;
+    if_logger_t::Log = a;
+    chain_logger_t::collect_info(info);
+    EXPECT_EQ(info, "root is not chain: (anonymous namespace)::record_logger_t");
+    EXPECT_EQ(bug_text([&] { chain_logger_t::remove(&d); }), "bad root: (anonymous namespace)::record_logger_t");
+
+    chain_logger_t::add(b);
+    chain_logger_t::add(c);  // c, (b, a)
+    info = "x";
+    chain_logger_t::collect_info(info);
+    EXPECT_EQ(info, "x; if_logger_t*( if_logger_t*, if_logger_t* ); if_logger_t*( if_logger_t*, if_logger_t* )");
+    EXPECT_EQ(bug_text([&] { chain_logger_t::remove(&d); }), "bad chain: (anonymous namespace)::record_logger_t");
+    if_logger_t::Log->log_INFO("both");
+    EXPECT_EQ(a->lines.size() + b->lines.size() + c->lines.size(), 3u);
+
+    chain_logger_t::remove(b);  // middle node
+    info.clear();
+    chain_logger_t::collect_info(info);
+    EXPECT_EQ(info, "if_logger_t*( if_logger_t*, if_logger_t* )");
+    chain_logger_t::remove(c);  // root: its second becomes the root
+    EXPECT_EQ(if_logger_t::Log, a);
+    delete b;
+    delete c;
+
+    if_logger_t::Log = chain_logger_t::create(a, nullptr);
+    chain_logger_t::add(b = new record_logger_t);
+    info.clear();
+    chain_logger_t::collect_info(info);
+    EXPECT_EQ(info, "if_logger_t*( if_logger_t*, if_logger_t* ); if_logger_t*( if_logger_t*, null )");
+    EXPECT_EQ(bug_text([&] { chain_logger_t::remove(&d); }), "zero chain");
+    chain_logger_t::remove(b);
+    delete b;
+    EXPECT_EQ(bug_text([&] { chain_logger_t::remove(a); }), "zero new root");
+    delete if_logger_t::Log;
+}
+
+TEST(InitLogger, LevelsFilesAndOldLogger) {
+    log_guard_t guard;
+    bool gone = false;
+    record_logger_t* old = new record_logger_t(&gone);
+    if_logger_t::Log = old;
+    EXPECT_FALSE(init_logger("bogus", "-", "", nullptr));
+    EXPECT_EQ(if_logger_t::Log, old);
+    ASSERT_EQ(old->lines.size(), 1u);
+    EXPECT_EQ(body(old->lines[0]), "Illegal loglevel -- bogus");
+    EXPECT_NE(old->lines[0].find(" ERR ["), std::string::npos);
+
+    EXPECT_TRUE(init_logger("debug", "-", "", nullptr));
+    EXPECT_TRUE(gone);
+    chain_logger_impl_t* c = dynamic_cast<chain_logger_impl_t*>(if_logger_t::Log);
+    ASSERT_NE(c, nullptr);
+    ASSERT_NE(dynamic_cast<fd_logger_impl_t*>(c->first), nullptr);
+    EXPECT_TRUE(c->first->is_stderr());
+    EXPECT_EQ(c->first->get_level(), 9);
+    EXPECT_EQ(c->second, nullptr);
+
+    // A chain of a plain stderr logger is not kept: a new one replaces it.
+    gone = false;
+    record_logger_t* extra = new record_logger_t(&gone);
+    if_logger_t* before = if_logger_t::Log;
+    EXPECT_TRUE(init_logger("TRACE", "-", "", extra));
+    EXPECT_NE(if_logger_t::Log, before);
+    c = dynamic_cast<chain_logger_impl_t*>(if_logger_t::Log);
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(c->second, extra);
+    EXPECT_EQ(c->first->get_level(), 5);
+
+    // A file that cannot be opened: the warning goes to the current logger.
+    if_logger_t::Log = extra;
+    c->second = nullptr;
+    delete c;
+    EXPECT_TRUE(init_logger("INFO", "/nonexistent-dir/agent.log", "", extra));
+    ASSERT_FALSE(extra->lines.empty());
+    EXPECT_EQ(body(extra->lines.back()), "Using stderr instead of \"/nonexistent-dir/agent.log\"");
+    EXPECT_FALSE(gone);  // the old logger was the extra one: kept in the chain
+    c = dynamic_cast<chain_logger_impl_t*>(if_logger_t::Log);
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(c->second, extra);
+    delete c;
+    EXPECT_TRUE(gone);
+}
+
+TEST(LoggerAbort, SimpleLoggerAndLastWords) {
+    log_guard_t guard;
+    logger_init_t::simple& s = logger_init_t::s_simple_;
+    EXPECT_EQ(&s, &logger_init_t::instance());
+    EXPECT_EQ(s.get_level(), 4);
+    EXPECT_TRUE(s.is_stderr());
+    testing::internal::CaptureStderr();
+    size_t const n = s.write("plain");
+    s.log_INFO("via %s", "format");
+    s.log_DEBUG("filtered");
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(n, 6u);
+    EXPECT_EQ(err.substr(0, 6), "plain\n");
+    EXPECT_EQ(body(err.substr(6)), "via format\n");
+
+    record_logger_t r;
+    if_logger_t::Log = &r;
+    testing::internal::CaptureStderr();
+    if_logger_t::log_abort(lstr_t("bye", 3));
+    err = testing::internal::GetCapturedStderr();
+    ASSERT_EQ(r.lines.size(), 1u);
+    EXPECT_EQ(body(r.lines[0]), "bye\n");
+    EXPECT_NE(r.lines[0].find(" FTL ["), std::string::npos);
+    EXPECT_EQ(err, "bye\n");
+
+    if_logger_t::Log = &s;  // on stderr: nothing printed a second time
+    testing::internal::CaptureStderr();
+    if_logger_t::log_abort(lstr_t("end"));
+    err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(body(err), "end\n\n");
+
+    if_logger_t::Log = nullptr;
+    testing::internal::CaptureStderr();
+    if_logger_t::log_abort(lstr_t("nothing"));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+void format_with(if_logger_t& l, msgclass_t c, std::string& out, char const* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    l.format(c, out, fmt, ap);
+    va_end(ap);
+}
+
+TEST(SyslogLogger, FacilitiesAndFormat) {
+    EXPECT_EQ(syslog_logger_t::trans_facility("LOCAL7"), 184);
+    EXPECT_EQ(syslog_logger_t::trans_facility("auth"), 32);
+    EXPECT_EQ(syslog_logger_t::trans_facility("authpriv"), 80);
+    EXPECT_EQ(syslog_logger_t::trans_facility("Kern"), 0);
+    EXPECT_EQ(syslog_logger_t::trans_facility("local8"), -1);
+    EXPECT_EQ(syslog_logger_t::trans_facility(""), -1);
+    EXPECT_EQ(syslog_logger_t::trans_facility(nullptr), -1);
+
+    log_guard_t guard;
+    syslog_logger_impl_t s(LOG_LOCAL3);
+    EXPECT_FALSE(s.is_stderr());
+    EXPECT_EQ(s.get_level(), 4);
+    char tid[8];
+    std::snprintf(tid, sizeof tid, "%06ld", syscall(SYS_gettid) % 1000000);
+    std::string out;
+    if_logger_t::generation = 1;
+    format_with(s, 9, out, "plain");
+    EXPECT_EQ(out, std::string(tid) + " noname; db0; plain");
+    out.clear();
+    if_logger_t::generation = 307;
+    format_with(s, 0, out, "plain %s", "arg");
+    EXPECT_EQ(out, std::string(tid) + " 07g noname; FTL; plain arg");
+}
+
+// Child side of the syslog test: a datagram socket mounted over /dev/log in
+// a private mount namespace receives what the logger sends.
+int syslog_child(std::string& detail) {
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return 77;
+    char dir[] = "/tmp/qvl-syslog-XXXXXX";
+    if (!mkdtemp(dir)) return 77;
+    std::string const path = std::string(dir) + "/log";
+    int sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    std::strcpy(addr.sun_path, path.c_str());
+    if (bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) return 77;
+    // Over /dev/log itself when it exists, else over the whole /dev.
+    bool const has_log = access("/dev/log", F_OK) == 0;
+    if (mount(has_log ? path.c_str() : dir, has_log ? "/dev/log" : "/dev", nullptr, MS_BIND, nullptr) != 0) return 77;
+
+    if_logger_t* l = syslog_logger_t::create(LOG_LOCAL3);
+    l->log_DEBUG("hello %d", 7);
+    l->log_CRIT("crit");
+    l->log_DEBUG_3("filtered");
+    l->set_level(12);
+    l->write("raw");
+    char tid[8];
+    std::snprintf(tid, sizeof tid, "%06ld", syscall(SYS_gettid) % 1000000);
+    std::string const pid = "qvlsrv[" + std::to_string(getpid()) + "]: ";
+    l->log_DEBUG("hello %d", 8);
+    // "hello 7" and "filtered" are below the level.
+    std::vector<std::pair<std::string, std::string>> const want = {
+        {"<152>", pid + tid + " noname; FTL; crit"},
+        {"<155>", pid + "misuse syslog!"},
+        {"<159>", pid + "raw"},
+        {"<159>", pid + tid + " noname; db0; hello 8"},
+    };
+    std::vector<std::string> got;
+    char buf[1024];
+    struct timeval tv = {5, 0};
+    setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    for (int i = 0; i < 4; ++i) {
+        ssize_t n = recv(sock, buf, sizeof buf, 0);
+        if (n <= 0) break;
+        got.emplace_back(buf, size_t(n));
+    }
+    delete l;
+    closelog();
+    umount2(has_log ? "/dev/log" : "/dev", MNT_DETACH);
+    unlink(path.c_str());
+    rmdir(dir);
+    int bad = got.size() == want.size() ? 0 : 1;
+    for (size_t i = 0; !bad && i < got.size(); ++i) {
+        // "<pri>Mmm dd hh:mm:ss qvlsrv[pid]: text"
+        std::string const& g = got[i];
+        size_t const q = g.find("qvlsrv[");
+        if (g.compare(0, want[i].first.size(), want[i].first) != 0 || q == std::string::npos ||
+            g.substr(q) != want[i].second)
+            bad = 1;
+    }
+    for (std::string const& g : got) detail += g + "\n";
+    return bad;
+}
+
+TEST(SyslogLogger, RecordsReachSyslogSocket) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to mount a test socket over /dev/log";
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(p[0]);
+        std::string detail;
+        int const rc = syslog_child(detail);
+        ssize_t w = write(p[1], detail.data(), detail.size());
+        (void)w;
+        _exit(rc);
+    }
+    close(p[1]);
+    std::string detail;
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(p[0], buf, sizeof buf)) > 0) detail.append(buf, size_t(n));
+    close(p[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "cannot mount a test socket over /dev/log here";
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "records received:\n" << detail;
+}
+
+}  // namespace
