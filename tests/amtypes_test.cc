@@ -363,7 +363,7 @@ TEST(LstrTest, InitCaseFollowsLocale) {
             unsetenv("LC_CTYPE");
             kern::ICU_ctor();
             lstr_t::init_case();
-            std::exit(lstr_t::upcase[0xe9] == 0xc9 && lstr_t::upcase['i'] == 'I' ? 0 : 1);
+            std::exit(lstr_t::upcase[0xe9] == 0xc9 && lstr_t::upcase[0x69] == 'I' ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
 }
