@@ -13,10 +13,17 @@
 #include "exceptions.h"
 #include "loggers.h"
 #include "syncers.h"
+#include "unicode.h"
 
 namespace {
 
-// Case tables of the string slice.
+// Unicode services, in the locale the process's environment names.
+struct unicode_t {
+    unicode_t() { kern::ICU_ctor(); }
+    ~unicode_t() { kern::ICU_dtor(); }
+} const s_unicode;
+
+// Case tables of the string slice, from the locale's case mapping.
 struct case_tables_t {
     case_tables_t() { lstr_t::init_case(); }
 } const s_case_tables;
