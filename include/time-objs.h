@@ -13,8 +13,9 @@
 //
 // Range. 64-bit ticks reach 2,922 years either side of year 1: a stamp
 // holds moments up to 2923-10-09 21:52:48. Arithmetic past that wraps,
-// unchecked; so do the readers and ptime_to_qstime for later dates, which
-// the calendar accepts up to the year 10000 (and 9999).
+// unchecked, and so do the stamps of later dates that the readers accept
+// (the RFC 1123 reader takes years up to 10000) or Boost hands over (up to
+// 9999).
 //
 // Units. The getters and the (value, unit) constructor name a unit by an
 // index k: -8 is one tick (10 ns), -6 a microsecond, -3 a millisecond, 0 a
@@ -99,10 +100,10 @@ public:
     // when up is not 0 (0 when k + up is finer than a tick). get(0, 1) is
     // the seconds within the minute, get(2, 1) the hour of the day,
     // get(-3, 3) the milliseconds within the second, get(3, 0) whole days.
-    q_int64_t get(int k, unsigned up) const noexcept;
+    q_int64_t get(int k, unsigned up = 0) const noexcept;
     // As get, but a non-zero value shorter than one unit k gives its sign,
     // so that a short time-out never rounds to zero.
-    q_int64_t getround(int k, unsigned up) const noexcept;
+    q_int64_t getround(int k, unsigned up = 0) const noexcept;
     // Hours of the day, minutes, seconds and milliseconds.
     void time(timeparts_t& parts) const noexcept;
 
