@@ -39,7 +39,10 @@
 //  - The statistic counters are spread over per-thread cache-line slots so
 //    that threads working on distinct primitives never share a written
 //    cache line; each exported name is a counter_t object that reads as the
-//    exact q_uint64_t total (see counter_t).
+//    exact q_uint64_t total (see counter_t). A thread claims its slot at
+//    its first count and gives it back when it ends.
+//  - mutex_t's lock and unlock are inline (count, then the POSIX call), so
+//    that a mutex_t costs about what a bare pthread mutex does.
 //  - xlocker_t<T> takes the object by reference or by pointer.
 #ifndef QVLKERN_SYNCERS_H
 #define QVLKERN_SYNCERS_H
@@ -51,6 +54,44 @@
 
 #include "amtypes.h"
 #include "time-objs.h"
+
+namespace kern {
+namespace syncers {
+namespace detail {
+
+// Identifies a counter in the per-thread slots.
+enum counter_id_t : unsigned {
+    mutex_ctor, mutex_dtor, mutex_take, mutex_free,
+    event_ctor, event_dtor, event_take, event_free,
+    semaphore_ctor, semaphore_dtor, semaphore_take, semaphore_free,
+    condvar_ctor, condvar_dtor, condvar_take, condvar_free,
+    rwlock_ctor, rwlock_dtor, rwlock_stake, rwlock_xtake, rwlock_free,
+    counter_count
+};
+
+// The calling thread's own counter cells, indexed by counter_id_t; null
+// until the thread first counts, and for threads without a slot of their
+// own. Only the owning thread writes them.
+extern QVL_API __thread std::atomic<q_uint64_t>* thread_cells __attribute__((tls_model("initial-exec")));
+
+// Claims the thread's slot on first use, or counts through the shared slot.
+QVL_API void count_slow(counter_id_t id) noexcept;
+
+// Adds one to a counter: a plain load and store in the thread's own cache
+// line, no locked instruction. Inline so that a lock costs one call, the
+// POSIX one.
+inline void count(counter_id_t id) noexcept {
+    std::atomic<q_uint64_t>* const cells = thread_cells;
+    if (__builtin_expect(cells != nullptr, 1)) {
+        cells[id].store(cells[id].load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    } else {
+        count_slow(id);
+    }
+}
+
+}  // namespace detail
+}  // namespace syncers
+}  // namespace kern
 
 class QVL_API mutex_t : public virtual noncopyable_t, public virtual if_root_t {
 public:
@@ -73,10 +114,23 @@ public:
 
     // Blocks until the mutex is held; throws on a system failure (a relock
     // of a default error-checking mutex by its owner is one).
-    void xlock();
+    void xlock() {
+        kern::syncers::detail::count(kern::syncers::detail::mutex_take);
+        int const rc = pthread_mutex_lock(&m_);
+        if (__builtin_expect(rc != 0, 0)) lock_failed(rc);
+    }
     // True when taken, false when another thread holds it.
-    bool try_xlock();
-    void unlock();
+    bool try_xlock() {
+        kern::syncers::detail::count(kern::syncers::detail::mutex_take);
+        int const rc = pthread_mutex_trylock(&m_);
+        if (__builtin_expect(rc == 0, 1)) return true;
+        return try_lock_failed(rc);
+    }
+    void unlock() {
+        kern::syncers::detail::count(kern::syncers::detail::mutex_free);
+        int const rc = pthread_mutex_unlock(&m_);
+        if (__builtin_expect(rc != 0, 0)) unlock_failed(rc);
+    }
 
     // The pthread kind of every mutex_t: 0 normal, 1 recursive, 2
     // error-checking (default), 3 adaptive.
@@ -90,6 +144,12 @@ public:
 
 private:
     friend class condvar_t;
+    // The throwing ends of the inline operations; try_lock_failed answers
+    // false for EBUSY.
+    [[noreturn]] static void lock_failed(int rc);
+    static bool try_lock_failed(int rc);
+    [[noreturn]] static void unlock_failed(int rc);
+
     pthread_mutex_t m_;
 };
 
@@ -244,16 +304,6 @@ private:
 namespace kern {
 namespace syncers {
 namespace detail {
-
-// Identifies a counter in the per-thread slots.
-enum counter_id_t : unsigned {
-    mutex_ctor, mutex_dtor, mutex_take, mutex_free,
-    event_ctor, event_dtor, event_take, event_free,
-    semaphore_ctor, semaphore_dtor, semaphore_take, semaphore_free,
-    condvar_ctor, condvar_dtor, condvar_take, condvar_free,
-    rwlock_ctor, rwlock_dtor, rwlock_stake, rwlock_xtake, rwlock_free,
-    counter_count
-};
 
 // One process-wide 64-bit statistic counter. Increments go, without a locked
 // instruction, to a cache-line slot owned by the counting thread (threads

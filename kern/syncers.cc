@@ -15,9 +15,9 @@
 #include "numeric-triades.h"
 #include "utilities.h"
 
-namespace {
+namespace sd = kern::syncers::detail;
 
-using kern::syncers::detail::counter_id_t;
+namespace {
 
 // --- statistic counters ------------------------------------------------------
 //
@@ -36,7 +36,7 @@ constexpr unsigned own_slots = 128;
 constexpr unsigned shared_slot = own_slots;
 
 struct alignas(64) slot_t {
-    std::atomic<q_uint64_t> cell[kern::syncers::detail::counter_count];
+    std::atomic<q_uint64_t> cell[sd::counter_count];
 };
 
 slot_t s_slots[own_slots + 1];
@@ -44,13 +44,14 @@ slot_t s_slots[own_slots + 1];
 // release, so that a new owner sees every count of the previous one.
 std::atomic<q_uint64_t> s_owned[own_slots / 64];
 
-// 0: no slot yet; i + 1: slot i (shared_slot + 1 once the thread has no own
-// slot). Initial-exec TLS keeps the hot path at one %fs-relative load.
+// 0: no slot yet; i + 1: slot i (shared_slot + 1 once the thread counts
+// through the shared slot). thread_cells mirrors an own slot.
 __thread unsigned t_slot __attribute__((tls_model("initial-exec")));
 
 void give_back_slot(void*) noexcept {
     unsigned const s = t_slot - 1;
     // Whatever this thread still counts while it ends goes to the shared slot.
+    sd::thread_cells = nullptr;
     t_slot = shared_slot + 1;
     if (s < own_slots) {
         s_owned[s / 64].fetch_and(~(q_uint64_t(1) << (s % 64)), std::memory_order_release);
@@ -102,33 +103,28 @@ void claim_slot() noexcept {
     // Set before the key: should setting it allocate, and the allocator
     // lock, the nested count finds the slot already in place.
     t_slot = slot + 1;
-    if (slot != shared_slot && (!slot_key.ok || pthread_setspecific(slot_key.key, &s_slots[slot]) != 0)) {
+    if (slot == shared_slot) return;
+    sd::thread_cells = s_slots[slot].cell;
+    if (!slot_key.ok || pthread_setspecific(slot_key.key, &s_slots[slot]) != 0) {
         // Without an exit hook the slot would stay claimed for ever; give it
         // back now and count through the shared slot.
         give_back_slot(nullptr);
     }
 }
 
-__attribute__((noinline)) void count_slow(counter_id_t id) noexcept {
-    if (t_slot == 0) claim_slot();
-    unsigned const s = t_slot - 1;
-    if (s < own_slots) {
-        std::atomic<q_uint64_t>& c = s_slots[s].cell[id];
-        c.store(c.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    } else {
-        s_slots[shared_slot].cell[id].fetch_add(1, std::memory_order_relaxed);
-    }
-}
+// A scope guard for the inner mutex of the composite primitives. Not
+// xlocker_t: that one is polymorphic, and its out-of-line base destructor
+// would cost a call on every operation.
+class hold_t {
+public:
+    explicit hold_t(mutex_t& m) : m_(m) { m_.xlock(); }
+    ~hold_t() { m_.unlock(); }
+    hold_t(hold_t const&) = delete;
+    hold_t& operator=(hold_t const&) = delete;
 
-inline void tally(counter_id_t id) noexcept {
-    unsigned const s = t_slot - 1;
-    if (__builtin_expect(s < own_slots, 1)) {
-        std::atomic<q_uint64_t>& c = s_slots[s].cell[id];
-        c.store(c.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    } else {
-        count_slow(id);
-    }
-}
+private:
+    mutex_t& m_;
+};
 
 // --- failures ------------------------------------------------------------------
 
@@ -143,18 +139,6 @@ std::string error_text(int rc) {
     QVL_THROW(mutex_exception, "unable to initialize mutex because of %s", error_text(rc).c_str());
 }
 
-[[noreturn]] __attribute__((cold, noinline)) void mutex_lock_failed(int rc) {
-    QVL_THROW(mutex_exception, "unable to lock mutex because of %s", error_text(rc).c_str());
-}
-
-[[noreturn]] __attribute__((cold, noinline)) void mutex_trylock_failed(int rc) {
-    QVL_THROW(mutex_exception, "unable to try to lock mutex because od %s", error_text(rc).c_str());
-}
-
-[[noreturn]] __attribute__((cold, noinline)) void mutex_unlock_failed(int rc) {
-    QVL_THROW(mutex_exception, "unable to unlock mutex because od %s", error_text(rc).c_str());
-}
-
 [[noreturn]] __attribute__((cold, noinline)) void condvar_wait_failed(bool timed, int rc) {
     QVL_THROW(condvar_exception, "pthread_cond_%swait retcode %d", timed ? "timed" : "", rc);
 }
@@ -166,8 +150,6 @@ std::string error_text(int rc) {
     _exit(1);
 }
 
-typedef xlocker_t<mutex_t> hold_t;
-
 }  // namespace
 
 // --- counters ----------------------------------------------------------------------
@@ -175,6 +157,17 @@ typedef xlocker_t<mutex_t> hold_t;
 namespace kern {
 namespace syncers {
 namespace detail {
+
+__thread std::atomic<q_uint64_t>* thread_cells __attribute__((tls_model("initial-exec")));
+
+void count_slow(counter_id_t id) noexcept {
+    if (t_slot == 0) claim_slot();
+    if (std::atomic<q_uint64_t>* const cells = thread_cells) {
+        cells[id].store(cells[id].load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    } else {
+        s_slots[shared_slot].cell[id].fetch_add(1, std::memory_order_relaxed);
+    }
+}
 
 counter_t::counter_t(counter_id_t id) noexcept : id_(static_cast<int>(id)), value_(0) {
     for (slot_t& slot : s_slots) slot.cell[id].store(0, std::memory_order_relaxed);
@@ -240,7 +233,7 @@ char const* mutex_t::type_name = "default errorcheck";
 pthread_mutexattr_t mutex_t::attr;
 
 mutex_t::mutex_t() {
-    tally(kern::syncers::detail::mutex_ctor);
+    sd::count(sd::mutex_ctor);
     // Before start-up and after teardown the attribute is gone: such a mutex
     // gets the system's default kind.
     int const rc = pthread_mutex_init(&m_, initializer.attr);
@@ -248,46 +241,39 @@ mutex_t::mutex_t() {
 }
 
 mutex_t::~mutex_t() {
-    tally(kern::syncers::detail::mutex_dtor);
+    sd::count(sd::mutex_dtor);
     pthread_mutex_destroy(&m_);
 }
 
-void mutex_t::xlock() {
-    tally(kern::syncers::detail::mutex_take);
-    int const rc = pthread_mutex_lock(&m_);
-    if (__builtin_expect(rc != 0, 0)) mutex_lock_failed(rc);
+void mutex_t::lock_failed(int rc) {
+    QVL_THROW(mutex_exception, "unable to lock mutex because of %s", error_text(rc).c_str());
 }
 
-bool mutex_t::try_xlock() {
-    tally(kern::syncers::detail::mutex_take);
-    int const rc = pthread_mutex_trylock(&m_);
-    if (__builtin_expect(rc == 0, 1)) return true;
+bool mutex_t::try_lock_failed(int rc) {
     if (rc == EBUSY) return false;
-    mutex_trylock_failed(rc);
+    QVL_THROW(mutex_exception, "unable to try to lock mutex because od %s", error_text(rc).c_str());
 }
 
-void mutex_t::unlock() {
-    tally(kern::syncers::detail::mutex_free);
-    int const rc = pthread_mutex_unlock(&m_);
-    if (__builtin_expect(rc != 0, 0)) mutex_unlock_failed(rc);
+void mutex_t::unlock_failed(int rc) {
+    QVL_THROW(mutex_exception, "unable to unlock mutex because od %s", error_text(rc).c_str());
 }
 
 // --- condvar_t ----------------------------------------------------------------------
 
 condvar_t::condvar_t(bool broadcast) : broadcast(broadcast) {
-    tally(kern::syncers::detail::condvar_ctor);
+    sd::count(sd::condvar_ctor);
     if (pthread_cond_init(&c_, nullptr) != 0) {
         QVL_THROW(condvar_exception, "unable to initialize conditional variable");
     }
 }
 
 condvar_t::~condvar_t() {
-    tally(kern::syncers::detail::condvar_dtor);
+    sd::count(sd::condvar_dtor);
     pthread_cond_destroy(&c_);
 }
 
 void condvar_t::signal() {
-    tally(kern::syncers::detail::condvar_free);
+    sd::count(sd::condvar_free);
     int const rc = broadcast ? pthread_cond_broadcast(&c_) : pthread_cond_signal(&c_);
     if (rc != 0) {
         QVL_THROW(condvar_exception, "unable to %s conditional variable", broadcast ? "broadcast" : "signal");
@@ -295,14 +281,14 @@ void condvar_t::signal() {
 }
 
 void condvar_t::wait(mutex_t& m) {
-    tally(kern::syncers::detail::condvar_take);
+    sd::count(sd::condvar_take);
     if (pthread_cond_wait(&c_, &m.m_) != 0) {
         QVL_THROW(condvar_exception, "unable to wait on conditional variable");
     }
 }
 
 bool condvar_t::wait(mutex_t& m, timestamp_t deadline) {
-    tally(kern::syncers::detail::condvar_take);
+    sd::count(sd::condvar_take);
     if (deadline.is_infinite()) {
         int const rc = pthread_cond_wait(&c_, &m.m_);
         if (rc != 0) condvar_wait_failed(false, rc);
@@ -320,15 +306,15 @@ bool condvar_t::wait(mutex_t& m, timestamp_t deadline) {
 // --- semaphore_t --------------------------------------------------------------------
 
 semaphore_t::semaphore_t(int initial) : count(initial) {
-    tally(kern::syncers::detail::semaphore_ctor);
+    sd::count(sd::semaphore_ctor);
 }
 
 semaphore_t::~semaphore_t() {
-    tally(kern::syncers::detail::semaphore_dtor);
+    sd::count(sd::semaphore_dtor);
 }
 
 bool semaphore_t::try_wait() {
-    tally(kern::syncers::detail::semaphore_take);
+    sd::count(sd::semaphore_take);
     hold_t hold(lock);
     // Non-zero, not positive: a negative count hands out units too.
     if (count == 0) return false;
@@ -337,7 +323,7 @@ bool semaphore_t::try_wait() {
 }
 
 bool semaphore_t::wait(timestamp_t deadline) {
-    tally(kern::syncers::detail::semaphore_take);
+    sd::count(sd::semaphore_take);
     hold_t hold(lock);
     while (count == 0) {
         if (!lock.wait(deadline)) return false;
@@ -347,7 +333,7 @@ bool semaphore_t::wait(timestamp_t deadline) {
 }
 
 bool semaphore_t::wait(timegap_t timeout) {
-    tally(kern::syncers::detail::semaphore_take);
+    sd::count(sd::semaphore_take);
     if (!timeout.is_infinite()) return wait(kern::time::now() + timeout);
     hold_t hold(lock);
     while (count == 0) lock.wait();
@@ -356,7 +342,7 @@ bool semaphore_t::wait(timegap_t timeout) {
 }
 
 void semaphore_t::post() {
-    tally(kern::syncers::detail::semaphore_free);
+    sd::count(sd::semaphore_free);
     hold_t hold(lock);
     ++count;
     lock.signal();
@@ -366,15 +352,15 @@ void semaphore_t::post() {
 
 event_t::event_t(bool initially_signalled, bool manual_reset)
     : signalled(initially_signalled), manual_reset(manual_reset) {
-    tally(kern::syncers::detail::event_ctor);
+    sd::count(sd::event_ctor);
 }
 
 event_t::~event_t() {
-    tally(kern::syncers::detail::event_dtor);
+    sd::count(sd::event_dtor);
 }
 
 void event_t::signal() {
-    tally(kern::syncers::detail::event_free);
+    sd::count(sd::event_free);
     hold_t hold(lock);
     signalled = true;
     // One waiter, also for a manual-reset event: later arrivals pass while
@@ -388,7 +374,7 @@ void event_t::reset() {
 }
 
 bool event_t::try_wait() {
-    tally(kern::syncers::detail::event_take);
+    sd::count(sd::event_take);
     hold_t hold(lock);
     if (!signalled) return false;
     if (!manual_reset) signalled = false;
@@ -396,7 +382,7 @@ bool event_t::try_wait() {
 }
 
 bool event_t::wait(timestamp_t deadline) {
-    tally(kern::syncers::detail::event_take);
+    sd::count(sd::event_take);
     hold_t hold(lock);
     while (!signalled) {
         if (!lock.wait(deadline)) return false;
@@ -406,7 +392,7 @@ bool event_t::wait(timestamp_t deadline) {
 }
 
 bool event_t::wait(timegap_t timeout) {
-    tally(kern::syncers::detail::event_take);
+    sd::count(sd::event_take);
     if (!timeout.is_infinite()) return wait(kern::time::now() + timeout);
     hold_t hold(lock);
     while (!signalled) lock.wait();
@@ -417,15 +403,15 @@ bool event_t::wait(timegap_t timeout) {
 // --- rwlock_t -----------------------------------------------------------------------
 
 rwlock_t::rwlock_t() : readers(true), writers(false), readers_waiting(0), writers_waiting(0), state(0) {
-    tally(kern::syncers::detail::rwlock_ctor);
+    sd::count(sd::rwlock_ctor);
 }
 
 rwlock_t::~rwlock_t() {
-    tally(kern::syncers::detail::rwlock_dtor);
+    sd::count(sd::rwlock_dtor);
 }
 
 void rwlock_t::slock() {
-    tally(kern::syncers::detail::rwlock_stake);
+    sd::count(sd::rwlock_stake);
     hold_t hold(guard);
     while (state < 0 || (write_prefered && writers_waiting > 0)) {
         ++readers_waiting;
@@ -436,7 +422,7 @@ void rwlock_t::slock() {
 }
 
 bool rwlock_t::try_slock() {
-    tally(kern::syncers::detail::rwlock_stake);
+    sd::count(sd::rwlock_stake);
     hold_t hold(guard);
     if (state < 0 || (write_prefered && writers_waiting > 0)) return false;
     ++state;
@@ -444,7 +430,7 @@ bool rwlock_t::try_slock() {
 }
 
 void rwlock_t::xlock() {
-    tally(kern::syncers::detail::rwlock_xtake);
+    sd::count(sd::rwlock_xtake);
     hold_t hold(guard);
     while (state != 0) {
         ++writers_waiting;
@@ -455,7 +441,7 @@ void rwlock_t::xlock() {
 }
 
 bool rwlock_t::try_xlock() {
-    tally(kern::syncers::detail::rwlock_xtake);
+    sd::count(sd::rwlock_xtake);
     hold_t hold(guard);
     if (state != 0) return false;
     state = -1;
@@ -463,7 +449,7 @@ bool rwlock_t::try_xlock() {
 }
 
 void rwlock_t::unlock() {
-    tally(kern::syncers::detail::rwlock_free);
+    sd::count(sd::rwlock_free);
     hold_t hold(guard);
     if (state > 0) {
         --state;
