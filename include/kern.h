@@ -3,10 +3,13 @@
 #define QVLKERN_KERN_H
 
 #include "amtypes.h"
+#include "code-exec-time.h"
+#include "common-utils.h"
 #include "exceptions.h"
 #include "loggers.h"
 #include "numstrings.h"
 #include "numeric-triades.h"
+#include "quote-utils.h"
 #include "syncers.h"
 #include "time-objs.h"
 #include "unicode.h"
