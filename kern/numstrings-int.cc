@@ -1,13 +1,17 @@
 // numstrings-int.cc: the decimal scanner.
 //
-// The scanner has two halves. The digit loop handles the common input, a run
-// of integer digits, with nothing but the per-digit overflow test; for
-// integer results it does no floating-point work at all. The first byte that
-// is not a digit hands over to the out-of-line tail, which knows separators,
-// exponents and the scaling rules.
+// The scanner has two halves. The front handles the common input, a run of
+// integer digits: up to eight at once by word arithmetic (they cannot
+// overflow), then digit by digit with the overflow test; for integer results
+// it does no floating-point work at all. The first byte that is not a digit
+// hands over to the out-of-line tail, which knows separators, exponents and
+// the scaling rules.
 #include "numstrings-int.h"
 
+#include <climits>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <limits>
 #include <type_traits>
 
@@ -160,6 +164,47 @@ __attribute__((noinline)) R scan_tail(lstr_t const& s, char const* first, char c
     }
 }
 
+// Up to eight bytes of the slice as one little-endian word, the first byte
+// lowest; n is 1 to 8 and nothing outside [p, p + n) is read. Shorter runs
+// are moved to the top and padded below with "0" bytes, which makes them
+// read as the same number with leading zeros.
+inline std::uint64_t load_digits(char const* p, unsigned long n) noexcept {
+    std::uint64_t v;
+    if (n >= 8) {
+        std::memcpy(&v, p, 8);
+        return v;
+    }
+    if (n >= 4) {
+        // Two overlapping four-byte loads; the shared bytes are equal.
+        std::uint32_t lo, hi;
+        std::memcpy(&lo, p, 4);
+        std::memcpy(&hi, p + n - 4, 4);
+        v = lo | static_cast<std::uint64_t>(hi) << (8 * (n - 4));
+    } else {
+        v = static_cast<std::uint64_t>(static_cast<unsigned char>(p[0])) |
+            static_cast<std::uint64_t>(static_cast<unsigned char>(p[n / 2])) << (8 * (n / 2)) |
+            static_cast<std::uint64_t>(static_cast<unsigned char>(p[n - 1])) << (8 * (n - 1));
+    }
+    return v << (8 * (8 - n)) | 0x3030303030303030ULL >> (8 * n);
+}
+
+// True when all eight bytes are "0".."9". A carry out of a byte of 0xfa or
+// more can spoil its neighbour's test, but that byte fails on its own.
+inline bool all_digits(std::uint64_t v) noexcept {
+    return ((v & 0xF0F0F0F0F0F0F0F0ULL) |
+            (((v + 0x0606060606060606ULL) & 0xF0F0F0F0F0F0F0F0ULL) >> 4)) == 0x3333333333333333ULL;
+}
+
+// The value of eight decimal digits, the first in the lowest byte: pairs,
+// then quadruples, then the whole, each step one multiply.
+inline std::uint32_t eight_digits(std::uint64_t v) noexcept {
+    v -= 0x3030303030303030ULL;
+    v = (v * 10 + (v >> 8)) & 0x00FF00FF00FF00FFULL;
+    v = (v * 100 + (v >> 16)) & 0x0000FFFF0000FFFFULL;
+    v = (v * 10000 + (v >> 32)) & 0xFFFFFFFFULL;
+    return static_cast<std::uint32_t>(v);
+}
+
 }  // namespace
 
 template <typename R>
@@ -174,6 +219,25 @@ R string_to_number(lstr_t const& s, bool allow_sign, bool integer_only) {
     }
     char const* const first = p;
     R value = 0;
+    // Eight digits cannot overflow any result type, so the first (up to)
+    // eight are taken in one step when they are all digits; anything else
+    // is left to the loops below, which find the exact failing position.
+    unsigned long const n = static_cast<unsigned long>(end - p);
+    std::uint64_t const head = load_digits(p, n);
+    if (__builtin_expect(all_digits(head), 1)) {
+        value = static_cast<R>(eight_digits(head));
+        p += n < 8 ? n : 8;
+    }
+    // Up to digits10 digits cannot overflow R either, so the overflow test
+    // would never fire there; it is left out of that stretch. Past it every
+    // digit is tested as add_digit does.
+    constexpr long safe = std::is_floating_point_v<R> ? LONG_MAX : std::numeric_limits<R>::digits10;
+    char const* const safe_end = end - first > safe ? first + safe : end;
+    for (; p < safe_end; ++p) {
+        unsigned const digit = static_cast<unsigned>(static_cast<unsigned char>(*p)) - '0';
+        if (digit > 9) return scan_tail(s, first, p, value, negative, integer_only);
+        value = times10_plus(value, digit);
+    }
     for (; p != end; ++p) {
         unsigned const digit = static_cast<unsigned>(static_cast<unsigned char>(*p)) - '0';
         if (digit > 9) return scan_tail(s, first, p, value, negative, integer_only);

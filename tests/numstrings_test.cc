@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <charconv>
+#include <cstdio>
 #include <climits>
 #include <cstdint>
 #include <random>
@@ -77,6 +78,27 @@ TEST(NumStrings, SignRulesOfEachReader) {
     EXPECT_FAILURE(string_to_num(" 1"), "illegal char \\x20 in string \" 1\" at position 0", kScanner);
     EXPECT_FAILURE(string_to_int64("-1 "), "illegal char \\x20 in string \"-1 \" at position 1", kScanner);
     EXPECT_FAILURE(string_to_num("1\xff"), "illegal char \\xff in string \"1\xff\" at position 1", kScanner);
+}
+
+// Every stray byte, near the digit range or not, is found at its exact
+// position whatever the length of the run around it.
+TEST(NumStrings, StrayByteAtEveryPosition) {
+    for (unsigned char bad : {0x00, 0x2f, 0x3a, 0x40, 0x7f, 0xc0, 0xfa, 0xff}) {
+        for (int len = 1; len <= 19; ++len) {
+            for (int pos = 0; pos < len; ++pos) {
+                std::string text(static_cast<unsigned long>(len), '7');
+                text[static_cast<unsigned long>(pos)] = static_cast<char>(bad);
+                char expected[128];
+                std::snprintf(expected, sizeof expected, "illegal char \\x%02x in string \"%s\" at position %d",
+                              bad, text.c_str(), pos);
+                // (%s stops at a NUL byte, as the message's own %.*s does.)
+                std::string const message(expected);
+                SCOPED_TRACE(message);
+                if (len <= 9) expect_failure([&] { string_to_num_strict(text); }, message, kScanner);
+                expect_failure([&] { lstr_t(text).to64(10); }, message, kScanner);
+            }
+        }
+    }
 }
 
 TEST(NumStrings, FractionAndExponent) {
