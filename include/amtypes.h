@@ -170,4 +170,18 @@ inline bool operator==(lstr_t const& a, lstr_t const& b) noexcept { return a.eq(
 inline bool operator!=(lstr_t const& a, lstr_t const& b) noexcept { return !a.eq(b); }
 inline bool operator<(lstr_t const& a, lstr_t const& b) noexcept { return a.lt(b); }
 
+namespace kern {
+namespace lstr {
+
+// Reads s with fn (strtol, strtoul, strtoull or strtoll) in the given base
+// from a NUL-terminated stack copy of at most 64 bytes; the whole slice must
+// be the number. fn's result is converted to R unchecked. Instances:
+// <int, long>, <unsigned long, unsigned long>, <unsigned long, unsigned long
+// long>, <long, long long>. Throws number_format_exception_shell_t.
+template <typename R, typename T>
+QVL_API R cvt(lstr_t const& s, unsigned int base, T (*fn)(char const*, char**, int));
+
+}  // namespace lstr
+}  // namespace kern
+
 #endif  // QVLKERN_AMTYPES_H

@@ -524,3 +524,75 @@ void lstr_t::init_case() {
         }
     }
 }
+
+// ---------------------------------------------------------------------------
+// Number conversion: base 10 goes to the library's decimal scanner, other
+// bases to the C library's strtol family through cvt.
+// ---------------------------------------------------------------------------
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "exceptions.h"
+#include "numstrings-int.h"
+#include "numstrings.h"
+
+namespace kern {
+namespace lstr {
+
+template <typename R, typename T>
+R cvt(lstr_t const& s, unsigned int base, T (*fn)(char const*, char**, int)) {
+    unsigned long const n = s.length();
+    if (n == 0) QVL_THROW(number_format_exception, "scanned number empty");
+    if (n >= 65)
+        QVL_THROW(number_format_exception, "too long scanned number \"%.*s\"", static_cast<int>(n),
+                  s.ptr());
+    char buffer[65];
+    std::memcpy(buffer, s.ptr(), n);
+    buffer[n] = '\0';
+    char* end = nullptr;
+    errno = 0;
+    T const value = fn(buffer, &end, static_cast<int>(base));
+    if (errno == ERANGE) QVL_THROW(number_format_exception, "scanned number \"%s\" out of range", buffer);
+    if (errno == EINVAL) QVL_THROW(number_format_exception, "number \"%s\" conversion error", buffer);
+    // Compared with the copy's own end, so that a NUL inside the slice is
+    // refused like any other stray byte.
+    if (end != buffer + n)
+        QVL_THROW(number_format_exception,
+                  "invalid symbol \\x%02X in scanned number \"%s\" at position #%lu",
+                  static_cast<unsigned char>(*end), buffer,
+                  static_cast<unsigned long>(end - buffer + 1));
+    return static_cast<R>(value);
+}
+
+template int cvt<int, long>(lstr_t const&, unsigned int, long (*)(char const*, char**, int));
+template unsigned long cvt<unsigned long, unsigned long>(lstr_t const&, unsigned int,
+                                                         unsigned long (*)(char const*, char**, int));
+template unsigned long cvt<unsigned long, unsigned long long>(
+    lstr_t const&, unsigned int, unsigned long long (*)(char const*, char**, int));
+template long cvt<long, long long>(lstr_t const&, unsigned int, long long (*)(char const*, char**, int));
+
+}  // namespace lstr
+}  // namespace kern
+
+int lstr_t::toi(unsigned int base) const {
+    if (base == 10) return kern_n::string_to_number<int>(*this, true, true);
+    return kern::lstr::cvt<int, long>(*this, base, ::strtol);
+}
+
+unsigned long lstr_t::toul(unsigned int base) const {
+    if (base == 10) return kern_n::string_to_number<unsigned long>(*this, true, true);
+    return kern::lstr::cvt<unsigned long, unsigned long>(*this, base, ::strtoul);
+}
+
+q_uint64_t lstr_t::tou64(unsigned int base) const {
+    if (base == 10) return kern_n::string_to_number<unsigned long>(*this, true, true);
+    return kern::lstr::cvt<unsigned long, unsigned long long>(*this, base, ::strtoull);
+}
+
+q_int64_t lstr_t::to64(unsigned int base) const {
+    if (base == 10) return kern_n::string_to_number<long>(*this, true, true);
+    return kern::lstr::cvt<long, long long>(*this, base, ::strtoll);
+}
+
+double lstr_t::tod() const { return string_to_double(*this); }
