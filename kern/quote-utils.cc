@@ -1,12 +1,15 @@
 // quote-utils.cc: the quoted-string escape format.
 //
-// Both directions copy runs of bytes that need no escape in one piece: on
-// x86-64 sixteen bytes are classified at once with SSE2 and stored
-// unconditionally, then the position advances only past the safe prefix.
-// The unconditional store is safe because the writer's output is never
-// shorter than its input (every byte maps to at least one byte, a pair to
-// two) and the reader's output never longer than its input, so while 16
-// input bytes remain, 16 bytes of room remain at the output position.
+// Both directions work on 64-byte blocks on x86-64: SSE2 compares give a
+// bit mask of the bytes that begin a unit, and the loop visits only those
+// bits, copying the plain bytes between them with 16-byte stores that may
+// run past the gap (the next store overwrites the excess). The excess is in
+// bounds because the writer's output is never shorter than its input
+// (every byte maps to at least one byte, a pair to two) and the reader's
+// never longer, so the output room left is at least the input left; the
+// block loops stop while enough input remains for their widest access.
+// Units are looked up in tables and chosen by indexing, not branching: in
+// text, which unit comes next follows no pattern a predictor could learn.
 #include "quote-utils.h"
 
 #include <cstring>
@@ -95,15 +98,16 @@ struct tables_t {
                 extra[b] = 1;
             }
         }
-        letter['L'] = word('\r', '\n') & 0xFFFF;
-        letter['M'] = word(',', ' ') & 0xFFFF;
-        special[','] = 1;
-        pair_next[','] = ' ';
-        code[1][','] = word('%', 'M');
-        len[1][','] = 2;
-        pair_next['\r'] = '\n';
-        code[1]['\r'] = word('%', 'L');
-        len[1]['\r'] = 2;
+        constexpr unsigned char comma = ',', cr = '\r';
+        letter[static_cast<unsigned char>('L')] = word('\r', '\n') & 0xFFFF;
+        letter[static_cast<unsigned char>('M')] = word(',', ' ') & 0xFFFF;
+        special[comma] = 1;
+        pair_next[comma] = ' ';
+        code[1][comma] = word('%', 'M');
+        len[1][comma] = 2;
+        pair_next[cr] = '\n';
+        code[1][cr] = word('%', 'L');
+        len[1][cr] = 2;
     }
 };
 
@@ -181,8 +185,8 @@ inline void copy64(void* o, void const* p) {
     store16(d + 48, load16(c + 48));
 }
 
-// Copies the len plain bytes at from to o and moves o past them; may store
-// up to 15 bytes more, and read as many past them.
+// Copies the len plain bytes at from to o and moves o past them, in whole
+// 16-byte pieces: up to 16 bytes past the gap are read and stored too.
 template <typename T>
 inline void copy_gap(char*& o, T const* from, long len) {
     store16(o, load16(from));
@@ -210,12 +214,9 @@ char* quote_into(char const* in, unsigned long n, char* o) noexcept {
     unsigned char const* p = reinterpret_cast<unsigned char const*>(in);
     unsigned char const* const e = p + n;
 #if defined(__SSE2__)
-    // Each 64-byte block is classified once; the units in it are then
-    // written from its bit mask, with the plain bytes between them copied
-    // by 16-byte stores that the next store partly overwrites. Loads reach
-    // at most 80 bytes past the block's start, stores as far past the
-    // matching output position, so 160 bytes of input (and so of output
-    // room) keep every access in bounds.
+    // A unit ends at most 2 bytes past its block, and copies reach 16
+    // bytes past that: 160 bytes of input (and so of output room) keep every
+    // access of a block in bounds.
     while (e - p >= 160) {
         q_uint64_t m = writer_block_mask(p);
         if (m == 0) {
