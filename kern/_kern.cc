@@ -6,12 +6,27 @@
 // each registers its teardown right after it is built. To add a start-up
 // object, define it at its place in this list. This file is linked last so
 // that the constant tables of the other sources are in place first.
+//
+// The order: Unicode services, case tables, mutex kind, synchronisation
+// counters, exception call-stack key, reader/writer and repeat-folding
+// flags, thread registry, signal-child flag, process logger, bootstrap
+// logger, module name locks, module cache, user and group guards, random
+// seed guard, platform description, run-time and random counters, system
+// random source, UUID state and time zone, fatal-signal guard, quotation and
+// allocation counters, sleep event, banner. A "goes here" line keeps the
+// place of an object not written yet. No exported function may be called
+// before the last of them is built.
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
+#include "_kern.h"
 #include "amtypes.h"
+#include "dynamic_library.h"
 #include "exceptions.h"
 #include "loggers.h"
+#include "numstrings.h"
+#include "runnable.h"
 #include "syncers.h"
 #include "unicode.h"
 
@@ -65,7 +80,20 @@ bool rwlock_t::write_prefered = getenv("QVLSRV_RWLOCK_READPREFERED") != nullptr;
 // Presence of QVLSRV_NO_LASTREPEAT stops descriptor loggers folding repeats.
 bool fd_logger_t::last_repeated_avail = getenv("QVLSRV_NO_LASTREPEAT") == nullptr;
 
-// (steps 8 to 13 go here)
+// Thread registry: the other subsystems' per-thread clean-up (empty), the
+// signals daemons keep off their workers, the name of unregistered threads,
+// the thread's entry and store keys (a failure makes loading fail), the
+// sequence counter, the list and its guard.
+boost::function<void()> kern_n::runnable_t::extra_thread_cleanup;
+sigset_t kern_n::runnable_t::blocked_signals = kern_n::runnable_t::make_blocked_signals();
+std::string kern_n::runnable_t::unknown_name("noname");
+pthread_key_t kern_n::runnable_t::self_key = kern_n::runnable_t::make_thread_key();
+pthread_key_t kern_n::runnable_t::tls_key = kern_n::runnable_t::make_thread_key();
+std::atomic<q_uint32_t> kern_n::runnable_t::SeqIdCnt(0);
+kern_n::runnable_list_t kern_n::runnable_t::runnables;
+mutex_t kern_n::runnable_t::runnables_guard;
+
+// (step 13 goes here)
 
 // The process logger: a descriptor logger on standard error until the
 // program calls init_logger. At exit it is deleted and the process logger
@@ -74,3 +102,60 @@ if_logger_t* if_logger_t::Log = fd_logger_t::create_();
 static logger_init_t const s_logger_teardown;
 // The bootstrap logger (never destroyed; see loggers.cc).
 logger_init_t::simple& logger_init_t::s_simple_ = logger_init_t::instance();
+
+// Module name locks: the guard of the table, then the five slots, each
+// filled on first use and released one by one at exit.
+mutex_t kern::dynalib::s_dso_giant_lock;
+kern::dynalib::sh_fast_mutex_t kern::dynalib::s_dso_locks[kern::dynalib::dso_lock_count];
+
+// Module cache: "[DynaLib]" messages when QVLSRV_DEBUG_DYNALIB is present;
+// disabled (no storage) until set_enabled; idle time to live from
+// QVLSRV_DYNALIB_TTL, in seconds. At exit the storage goes before its guard.
+bool kern::dynalib::DEBUG = getenv("QVLSRV_DEBUG_DYNALIB") != nullptr;
+mutex_t kern::dynalib::cache::s_storage_guard;
+kern::dynalib::cache::sh_storage_t kern::dynalib::cache::s_storage;
+timegap_t kern::dynalib::cache::s_time_to_live(static_cast<long>(env_get_number("QVLSRV_DYNALIB_TTL", 60)), 0);
+std::string kern::dynalib::cache::s_libdir;
+
+// (steps 18 to 25 go above this line)
+
+// What runnable_t::sleep waits on; nothing signals it.
+event_t kern_runnable_sleep_event(false, false);
+
+// The library banner, last. A constant in the library's image: it needs no
+// teardown and reads the same before start-up and after it.
+#ifndef QVLKERN_VERSION_STRING
+#define QVLKERN_VERSION_STRING "unknown"
+#endif
+static char const s_banner[] = "Quarvel OS Abstraction Layer Version " QVLKERN_VERSION_STRING " (, " "Linux" "/x64)";
+
+// --- start-up services ----------------------------------------------------------------
+
+extern "C" char const* kern_signature() { return s_banner; }
+
+unsigned long env_get_number(char const* name, unsigned long def) {
+    char const* const value = name ? getenv(name) : nullptr;
+    if (!value) return def;
+    lstr_t text(value);
+    // A K, M or G right after the digits is a binary multiple; it is cut
+    // off only when it ends the text, so "2kb" stays unreadable.
+    unsigned long multiplier = 1;
+    unsigned long i = 0;
+    while (i < text.length() && text[i] >= '0' && text[i] <= '9') ++i;
+    if (i < text.length()) {
+        switch (text[i]) {
+        case 'K': case 'k': multiplier = 1024UL; break;
+        case 'M': case 'm': multiplier = 1048576UL; break;
+        case 'G': case 'g': multiplier = 1073741824UL; break;
+        default: break;
+        }
+        if (multiplier != 1 && i + 1 == text.length()) text.remove_suffix(1);
+    }
+    try {
+        return static_cast<unsigned long>(string_to_uint64(text)) * multiplier;
+    } catch (...) {
+        return def;
+    }
+}
+
+int set_envvar(char const* name, char const* value) { return setenv(name, value, 1); }
