@@ -2,14 +2,18 @@
 #ifndef QVLKERN_KERN_H
 #define QVLKERN_KERN_H
 
+#include "_kern.h"
 #include "amtypes.h"
 #include "code-exec-time.h"
 #include "common-utils.h"
+#include "dynamic_library.h"
 #include "exceptions.h"
 #include "loggers.h"
+#include "lwp.h"
 #include "numstrings.h"
 #include "numeric-triades.h"
 #include "quote-utils.h"
+#include "runnable.h"
 #include "syncers.h"
 #include "time-objs.h"
 #include "unicode.h"
