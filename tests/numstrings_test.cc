@@ -119,6 +119,7 @@ TEST(NumStrings, FractionAndExponent) {
 
     EXPECT_DOUBLE_EQ(-15.0, string_to_double("-1.5e1"));
     EXPECT_DOUBLE_EQ(1.25, string_to_double("1,25"));
+    EXPECT_DOUBLE_EQ(-2.5, lstr_t("-2,5").tod());
     EXPECT_DOUBLE_EQ(0.5, string_to_double(".5"));
     EXPECT_DOUBLE_EQ(-25.0, string_to_double("-0.25E+2"));
     EXPECT_DOUBLE_EQ(0.0125, string_to_double("1.25e-2"));
