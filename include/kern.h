@@ -2,9 +2,11 @@
 #ifndef QVLKERN_KERN_H
 #define QVLKERN_KERN_H
 
+#include "_kern.h"
 #include "amtypes.h"
 #include "code-exec-time.h"
 #include "common-utils.h"
+#include "dynamic_library.h"
 #include "exceptions.h"
 #include "loggers.h"
 #include "lwp.h"
