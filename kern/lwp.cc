@@ -118,10 +118,12 @@ void* impl::thunk(void* arg) {
     if (adopted) {
         try {
             p->job();
-        } catch (abi::__forced_unwind&) {
-            throw;  // pthread_exit or cancellation: the unwinding must go on
         } catch (...) {
-            // A job reports its own failures; nothing escapes a thread.
+            // A job reports its own failures; nothing escapes a thread. But
+            // pthread_exit and cancellation unwind with a foreign exception
+            // (no C++ type) that must go on; catching abi::__forced_unwind
+            // by reference instead would bind a reference to no object.
+            if (!abi::__cxa_current_exception_type()) throw;
         }
     }
     return nullptr;
