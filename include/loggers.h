@@ -241,6 +241,9 @@ protected:
     mutex_t write_mutex_;
 
 private:
+    // out becomes prefix, message and a line end, unless the message repeats
+    // the last one (then out is left as it is and the repetition counted).
+    void emit_line(std::string& out, char const* prefix, size_t plen, char const* message, size_t mlen);
     void write_repeat_summary_locked();
 };
 

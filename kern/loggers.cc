@@ -104,27 +104,6 @@ int process_id() {
     return pid;
 }
 
-// Per-thread cache of what the prefix needs besides the class.
-struct line_cache_t {
-    int tid;
-    unsigned fork_generation;
-    q_int64_t utc_second;   // second of the cached offset and text
-    q_int64_t zone_ticks;   // UTC minus local time
-    q_int64_t local_second; // local time, whole seconds
-    char date_time[15];     // "YYYYMMDD.hhmmss" of local_second
-};
-thread_local line_cache_t t_line = {0, 0, INT64_MIN, 0, 0, {}};
-
-int thread_id() {
-    line_cache_t& t = t_line;
-    unsigned const gen = g_fork_generation.load(std::memory_order_relaxed);
-    if (t.tid == 0 || t.fork_generation != gen) {
-        t.tid = static_cast<int>(::syscall(SYS_gettid));
-        t.fork_generation = gen;
-    }
-    return t.tid;
-}
-
 // The calling thread's name as the thread registry knows it, or the name of
 // unknown threads.
 lstr_t thread_name() { return lstr_t("noname", 6); }
@@ -160,79 +139,77 @@ q_int64_t floor_div(q_int64_t a, q_int64_t b) {
     return (a % b < 0) ? q - 1 : q;
 }
 
-// "YYYYMMDD.hhmmss.hh" of now in local time, 18 characters.
-//
-// The C library's zone code takes a lock and walks the zone rules, far too
-// slow for every line. The offset is therefore cached per thread together
-// with the text of the current second and taken again whenever the UTC
-// second changes. Zone changes (daylight saving) happen on whole seconds,
-// so the first line after a switch already carries the new offset; within
-// one second each line only adds its hundredths.
-char* put_local_time(char* p) {
-    constexpr q_int64_t tps = kern::time::ticks_per_second;
-    line_cache_t& t = t_line;
-    q_int64_t const now = kern::time::now().value;
-    q_int64_t const utc_second = floor_div(now - kern::time::unix_epoch_ticks, tps);
-    if (utc_second != t.utc_second) {
-        t.zone_ticks = localtime_t::TZ(static_cast<long>(utc_second)).value;
-        t.utc_second = utc_second;
-        q_int64_t const local_second = floor_div(now - t.zone_ticks, tps);
-        if (local_second != t.local_second || t.date_time[0] == 0) {
-            t.local_second = local_second;
-            int year, month, day;
-            timestamp_t(local_second * tps).date(&year, &month, &day);
-            int const of_day = static_cast<int>(local_second - floor_div(local_second, 86400) * 86400);
-            char* d = t.date_time;
-            int y = year % 10000;
-            if (y < 0) y = -y;
-            decimal_convertor_t<int, 2>::store0(y, d + 2);
-            decimal_convertor_t<int, 2>::store0(y, d);
-            put2(d + 4, month);
-            put2(d + 6, day);
-            d[8] = '.';
-            put2(d + 9, of_day / 3600);
-            put2(d + 11, of_day / 60 % 60);
-            put2(d + 13, of_day % 60);
-        }
-    }
-    std::memcpy(p, t.date_time, sizeof t.date_time);
-    p += sizeof t.date_time;
-    *p++ = '.';
-    q_int64_t const local = now - t.zone_ticks;
-    return put2(p, static_cast<int>((local - t.local_second * tps) / (tps / 100)));
-}
-
-// --- per-thread scratch strings ----------------------------------------------
+// --- per-thread state ------------------------------------------------------------
 
 // Formatting a line needs a few strings; allocating them for every line
-// would cost more than the rest of the prefix. Each thread keeps one string
-// per use and lends it out. A logger failure handler may log again on the
-// same thread while a line is half done: a slot that is already lent is
-// then replaced by a fresh local string.
+// would cost more than the whole prefix. Each thread keeps one string per
+// use and lends it out. A logger failure handler may log again on the same
+// thread while a line is half done: a slot that is already lent is then
+// replaced by a fresh local string.
 enum scratch_slot_t { slot_line, slot_prefix, slot_message, slot_user, slot_count };
 
-struct scratch_t {
-    std::string text[slot_count];
-    bool lent[slot_count] = {};
-    ~scratch_t();
+// Everything a thread keeps for its lines. Trivial to build and destroy, so
+// that reaching it costs one thread-local address look-up and no guard; the
+// scratch strings inside are built on first use and destroyed at thread
+// exit by scratch_reaper_t.
+struct thread_state_t {
+    // The prefix cache.
+    int tid;                   // 0: not fetched in this process yet
+    unsigned fork_generation;  // of tid and ids
+    char ids[11];              // "PPPPP TTTTT"
+    q_int64_t utc_second;      // second of zone_ticks and date_time; 0: none
+    q_int64_t zone_ticks;      // UTC minus local time
+    q_int64_t local_second;    // local time, whole seconds
+    char date_time[15];        // "YYYYMMDD.hhmmss" of local_second
+
+    // The scratch strings.
+    bool scratch_built;
+    bool scratch_gone;  // destroyed at thread exit: later lines use locals
+    bool lent[slot_count];
+    alignas(std::string) unsigned char storage[slot_count][sizeof(std::string)];
+
+    std::string& text(int slot) { return *std::launder(reinterpret_cast<std::string*>(storage[slot])); }
 };
+thread_local thread_state_t t_state;
 
-// Set once the thread's scratch strings are gone (thread exit), so that
-// loggers used by later thread-exit code fall back to local strings.
-thread_local bool t_scratch_gone = false;
-thread_local scratch_t t_scratch;
+// The calling thread's state. The empty asm keeps the address in a register:
+// without it the compiler recomputes a thread-local address (a call into the
+// dynamic linker) at every use.
+inline thread_state_t& this_thread() {
+    thread_state_t* s = &t_state;
+    asm("" : "+r"(s));
+    return *s;
+}
 
-scratch_t::~scratch_t() { t_scratch_gone = true; }
+struct scratch_reaper_t {
+    ~scratch_reaper_t() {
+        thread_state_t& s = this_thread();
+        if (!s.scratch_built) return;
+        s.scratch_built = false;
+        s.scratch_gone = true;
+        for (int i = 0; i < slot_count; ++i) s.text(i).~basic_string();
+    }
+};
+thread_local scratch_reaper_t t_scratch_reaper;
+
+// Builds the thread's scratch strings; false once they are gone.
+bool build_scratch(thread_state_t& s) {
+    if (s.scratch_gone) return false;
+    // Touching the reaper registers its destructor for this thread.
+    scratch_reaper_t* volatile reaper = &t_scratch_reaper;
+    (void)reaper;
+    for (int i = 0; i < slot_count; ++i) new (s.storage[i]) std::string();
+    s.scratch_built = true;
+    return true;
+}
 
 class scratch_lease_t {
 public:
-    explicit scratch_lease_t(scratch_slot_t slot) : text_(&local_), lent_(nullptr) {
-        if (t_scratch_gone) return;
-        scratch_t& s = t_scratch;
-        if (s.lent[slot]) return;
+    scratch_lease_t(thread_state_t& s, scratch_slot_t slot) : text_(&local_), lent_(nullptr) {
+        if (s.lent[slot] || (!s.scratch_built && !build_scratch(s))) return;
         s.lent[slot] = true;
         lent_ = &s.lent[slot];
-        text_ = &s.text[slot];
+        text_ = &s.text(slot);
         text_->clear();
     }
     ~scratch_lease_t() {
@@ -252,6 +229,56 @@ private:
     bool* lent_;
 };
 
+// Fetches the thread's kernel id once per thread and process.
+void renew_ids(thread_state_t& t) {
+    unsigned const gen = g_fork_generation.load(std::memory_order_relaxed);
+    if (t.tid != 0 && t.fork_generation == gen) return;
+    t.tid = static_cast<int>(::syscall(SYS_gettid));
+    t.fork_generation = gen;
+    put5(t.ids, static_cast<unsigned>(process_id()));
+    t.ids[5] = ' ';
+    put5(t.ids + 6, static_cast<unsigned>(t.tid));
+}
+
+// "YYYYMMDD.hhmmss.hh" of now in local time, 18 characters.
+//
+// The C library's zone code takes a lock and walks the zone rules, far too
+// slow for every line. The offset is therefore cached per thread together
+// with the text of the current second and taken again whenever the UTC
+// second changes. Zone changes (daylight saving) happen on whole seconds,
+// so the first line after a switch already carries the new offset; within
+// one second each line only adds its hundredths.
+char* put_local_time(thread_state_t& t, char* p) {
+    constexpr q_int64_t tps = kern::time::ticks_per_second;
+    q_int64_t const now = kern::time::now().value;
+    q_int64_t const utc_second = floor_div(now - kern::time::unix_epoch_ticks, tps);
+    if (utc_second != t.utc_second) {
+        t.zone_ticks = localtime_t::TZ(static_cast<long>(utc_second)).value;
+        t.utc_second = utc_second;
+        q_int64_t const local_second = floor_div(now - t.zone_ticks, tps);
+        t.local_second = local_second;
+        int year, month, day;
+        timestamp_t(local_second * tps).date(&year, &month, &day);
+        int const of_day = static_cast<int>(local_second - floor_div(local_second, 86400) * 86400);
+        char* d = t.date_time;
+        int y = year % 10000;
+        if (y < 0) y = -y;
+        decimal_convertor_t<int, 2>::store0(y, d + 2);
+        decimal_convertor_t<int, 2>::store0(y, d);
+        put2(d + 4, month);
+        put2(d + 6, day);
+        d[8] = '.';
+        put2(d + 9, of_day / 3600);
+        put2(d + 11, of_day / 60 % 60);
+        put2(d + 13, of_day % 60);
+    }
+    std::memcpy(p, t.date_time, sizeof t.date_time);
+    p += sizeof t.date_time;
+    *p++ = '.';
+    q_int64_t const local = now - t.zone_ticks;
+    return put2(p, static_cast<int>((local - t.local_second * tps) / (tps / 100)));
+}
+
 // va_copy with its va_end on every way out.
 class va_copy_t {
 public:
@@ -264,6 +291,133 @@ public:
 private:
     va_list ap_;
 };
+
+// --- the line into a buffer ---------------------------------------------------------
+
+// Largest prefix: time 18, class 5, ids 13, generation 3, "] " 2.
+constexpr size_t k_prefix_max = 48;
+// Longest thread name that the buffered path writes; longer ones take the
+// string path.
+constexpr size_t k_name_max = 64;
+// Room for a message in the buffered path. Above the 1024 characters of
+// q_format_va's edge, so that the edge can be told from an overflow.
+constexpr size_t k_message_max = 1152;
+
+// The prefix up to the thread name: "YYYYMMDD.hhmmss.hh acr [PPPPP TTTTT] ",
+// with " GG" before the "]" when the generation is above 1.
+size_t put_prefix_head(thread_state_t& t, char* buf, if_logger_t::msgclass_t c) {
+    renew_ids(t);
+    char* p = put_local_time(t, buf);
+    *p++ = ' ';
+    std::memcpy(p, if_logger_t::severity(c), 3);
+    p += 3;
+    *p++ = ' ';
+    *p++ = '[';
+    std::memcpy(p, t.ids, sizeof t.ids);
+    p += sizeof t.ids;
+    q_uint32_t const gen = if_logger_t::generation;
+    if (gen > 1) {
+        *p++ = ' ';
+        p = put2(p, static_cast<int>(gen % 100));
+    }
+    *p++ = ']';
+    *p++ = ' ';
+    return static_cast<size_t>(p - buf);
+}
+
+// The thread name padded with blanks to six characters, and one blank.
+size_t put_name(char* buf, lstr_t const& name) {
+    size_t const n = name.length();
+    std::memcpy(buf, name.ptr(), n);
+    size_t const width = n < 6 ? 7 - n : 1;
+    std::memset(buf + n, ' ', width);
+    return n + width;
+}
+
+// Writes the decimal text of the next argument, read as the given size.
+template <typename I, typename L, typename LL, typename Z>
+int put_integer(char* out, va_list& ap, int size) {
+    switch (size) {
+    case 0: return add_number_to_string(static_cast<I>(va_arg(ap, I)), out);
+    case 1: return add_number_to_string(static_cast<L>(va_arg(ap, L)), out);
+    case 2: return add_number_to_string(static_cast<LL>(va_arg(ap, LL)), out);
+    default: return add_number_to_string(static_cast<Z>(va_arg(ap, Z)), out);
+    }
+}
+
+// Log formats are mostly plain text with %d, %s and the like, and the C
+// library's printf costs more than all the rest of a line. Formats made only
+// of %d %i %u (plain or with l, ll, z), %s (also with a precision such as
+// %.*s), %c and %% are written here into buf, the digits through the
+// library's number formatting. Anything else (flags, widths, other
+// conversions, a null %s) or a text longer than cap answers false, and the
+// caller takes the full formatter (q_format_va). The text is the one
+// q_format_va makes, down to its 1024-character edge.
+bool put_simple_format(char* buf, size_t cap, size_t& len, char const* fmt, va_list ap) {
+    va_copy_t copy(ap);
+    va_list& args = copy.get();
+    char* dst = buf;
+    char* const end = buf + cap;
+    char const* p = fmt;
+    for (;;) {
+        char const* const pct = strchrnul(p, '%');
+        size_t const plain = static_cast<size_t>(pct - p);
+        if (plain > static_cast<size_t>(end - dst)) return false;
+        std::memcpy(dst, p, plain);
+        dst += plain;
+        if (!*pct) break;
+        char const* q = pct + 1;
+        long precision = -1;
+        if (*q == '.') {
+            ++q;
+            if (*q == '*') {
+                int const given = va_arg(args, int);
+                precision = given < 0 ? -1 : given;
+                ++q;
+            } else {
+                precision = 0;
+                for (; *q >= '0' && *q <= '9' && precision < 100000000; ++q) precision = precision * 10 + (*q - '0');
+            }
+        }
+        int size = 0;  // int, long, long long, size_t
+        if (*q == 'l') {
+            size = 1;
+            if (*++q == 'l') {
+                size = 2;
+                ++q;
+            }
+        } else if (*q == 'z') {
+            size = 3;
+            ++q;
+        }
+        char const conv = *q++;
+        if (conv == 's') {
+            char const* const text = size == 0 ? va_arg(args, char const*) : nullptr;
+            if (!text) return false;
+            size_t const room = static_cast<size_t>(end - dst);
+            size_t const n = strnlen(text, precision < 0 ? room + 1 : std::min(static_cast<size_t>(precision), room + 1));
+            if (n > room) return false;
+            std::memcpy(dst, text, n);
+            dst += n;
+        } else if (precision >= 0) {
+            return false;
+        } else if (conv == 'd' || conv == 'i' || conv == 'u') {
+            if (end - dst < 24) return false;
+            dst += conv == 'u' ? put_integer<unsigned, unsigned long, unsigned long long, size_t>(dst, args, size)
+                               : put_integer<int, long, long long, ssize_t>(dst, args, size);
+        } else if ((conv == 'c' || conv == '%') && size == 0) {
+            if (dst == end) return false;
+            *dst++ = conv == 'c' ? static_cast<char>(va_arg(args, int)) : '%';
+        } else {
+            return false;
+        }
+        p = q;
+    }
+    len = static_cast<size_t>(dst - buf);
+    // q_format_va keeps 1023 characters and a NUL of a 1024-character text.
+    if (len == 1024) buf[1023] = '\0';
+    return true;
+}
 
 int syslog_priority(if_logger_t::msgclass_t c) {
     switch (c) {
@@ -305,7 +459,7 @@ size_t if_logger_t::write(char const*) { QVL_THROW(BUG_exception, "pure virtual 
 
 void if_logger_t::log_va(msgclass_t c, char const* fmt, va_list ap) {
     if (!is_logged(c)) return;
-    scratch_lease_t line(slot_line);
+    scratch_lease_t line(this_thread(), slot_line);
     format(c, line.get(), fmt, ap);
     write(line.get().c_str());
 }
@@ -345,36 +499,25 @@ void if_logger_t::notify_error(if_logger_error_t::error_type_t type, std::string
 }
 
 void if_logger_t::format_pref(std::string& out, msgclass_t c) {
-    char buf[48];
-    char* p = put_local_time(buf);
-    *p++ = ' ';
-    std::memcpy(p, severity(c), 3);
-    p += 3;
-    *p++ = ' ';
-    *p++ = '[';
-    p = put5(p, static_cast<unsigned>(process_id()));
-    *p++ = ' ';
-    p = put5(p, static_cast<unsigned>(thread_id()));
-    q_uint32_t const gen = generation;
-    if (gen > 1) {
-        *p++ = ' ';
-        p = put2(p, static_cast<int>(gen % 100));
-    }
-    *p++ = ']';
-    *p++ = ' ';
-    out.append(buf, static_cast<size_t>(p - buf));
+    char buf[k_prefix_max];
+    out.append(buf, put_prefix_head(this_thread(), buf, c));
     lstr_t const name = thread_name();
     out.append(name.ptr(), name.length());
-    size_t const width = name.length() < 6 ? 7 - name.length() : 1;
-    out.append(width, ' ');
+    out.append(name.length() < 6 ? 7 - name.length() : 1, ' ');
 }
 
 void if_logger_t::format_user(std::string& out, char const* fmt, va_list ap) {
+    char buf[k_message_max];
+    size_t len;
+    if (put_simple_format(buf, sizeof buf, len, fmt, ap)) {
+        out.append(buf, len);
+        return;
+    }
     if (out.empty()) {
         q_format_va(out, fmt, ap);
         return;
     }
-    scratch_lease_t text(slot_user);
+    scratch_lease_t text(this_thread(), slot_user);
     q_format_va(text.get(), fmt, ap);
     out.append(text.get());
 }
@@ -514,27 +657,64 @@ size_t fd_logger_impl_t::write_fd(char const* text, size_t len) {
 }
 
 void fd_logger_impl_t::format(msgclass_t c, std::string& out, char const* fmt, va_list ap) {
-    scratch_lease_t prefix(slot_prefix);
-    scratch_lease_t message(slot_message);
-    format_pref(prefix.get(), c);
+    // The common line is built in one stack buffer: prefix, then message.
+    thread_state_t& t = this_thread();
+    char line[k_prefix_max + k_name_max + 8 + k_message_max];
+    size_t const head = put_prefix_head(t, line, c);
+    lstr_t const name = thread_name();
+    if (name.length() <= k_name_max) {
+        size_t const plen = head + put_name(line + head, name);
+        size_t mlen;
+        if (put_simple_format(line + plen, k_message_max, mlen, fmt, ap)) {
+            line[plen + mlen] = '\n';
+            emit_line(out, line, plen, line + plen, mlen);
+            return;
+        }
+    }
+    // A long name or a format that needs printf: the same line in strings.
+    scratch_lease_t prefix(t, slot_prefix);
+    scratch_lease_t message(t, slot_message);
+    prefix.get().assign(line, head).append(name.ptr(), name.length());
+    prefix.get().append(name.length() < 6 ? 7 - name.length() : 1, ' ');
     format_user(message.get(), fmt, ap);
+    emit_line(out, prefix.get().data(), prefix.get().size(), message.get().data(), message.get().size());
+}
+
+namespace {
+
+// out becomes prefix, message and a line end; one copy when the three
+// already follow each other.
+void put_line(std::string& out, char const* prefix, size_t plen, char const* message, size_t mlen) {
+    if (message == prefix + plen && message[mlen] == '\n') {
+        out.assign(prefix, plen + mlen + 1);
+    } else {
+        out.assign(prefix, plen).append(message, mlen).push_back('\n');
+    }
+}
+
+}  // namespace
+
+void fd_logger_impl_t::emit_line(std::string& out, char const* prefix, size_t plen, char const* message,
+                                 size_t mlen) {
     if (!fd_logger_t::last_repeated_avail) {
-        out.assign(prefix.get()).append(message.get()).push_back('\n');
+        put_line(out, prefix, plen, message, mlen);
         return;
     }
     xlocker_t<mutex_t> hold(repeat_mutex_);
-    if (message.get() == last_message_) {
+    if (mlen == last_message_.size() && std::memcmp(message, last_message_.data(), mlen) == 0) {
         // Only the text counts: the same text in another class repeats too.
-        last_prefix_.swap(prefix.get());
+        last_prefix_.assign(prefix, plen);
         ++repeat_count_;
         return;
     }
-    out.assign(prefix.get()).append(message.get()).push_back('\n');
+    put_line(out, prefix, plen, message, mlen);
     // The summary goes out before this line, stamped with the time of the
     // last repetition.
     if (repeat_count_ != 1) write_repeat_summary_locked();
-    last_prefix_.swap(prefix.get());
-    last_message_.swap(message.get());
+    // The last prefix is read only by a summary, and every repetition that
+    // leads to one stores its own prefix first: a line that starts a new
+    // message need not store it.
+    last_message_.assign(message, mlen);
 }
 
 void fd_logger_impl_t::write_repeat_summary() {
@@ -579,7 +759,7 @@ size_t syslog_logger_impl_t::write(char const* text) {
 
 void syslog_logger_impl_t::log_va(msgclass_t c, char const* fmt, va_list ap) {
     if (!is_logged(c)) return;
-    scratch_lease_t line(slot_line);
+    scratch_lease_t line(this_thread(), slot_line);
     format(c, line.get(), fmt, ap);
     ::syslog(syslog_priority(c) | facility, "%s", line.get().c_str());
 }
@@ -587,7 +767,9 @@ void syslog_logger_impl_t::log_va(msgclass_t c, char const* fmt, va_list ap) {
 void syslog_logger_impl_t::format(msgclass_t c, std::string& out, char const* fmt, va_list ap) {
     // The system log adds the time and the process id.
     char buf[16];
-    char* p = put6(buf, static_cast<unsigned>(thread_id()));
+    thread_state_t& t = this_thread();
+    renew_ids(t);
+    char* p = put6(buf, static_cast<unsigned>(t.tid));
     *p++ = ' ';
     q_uint32_t const gen = generation;
     if (gen > 1) {

@@ -11,7 +11,7 @@ for what in "$@"; do
   case "$what" in
     build) ;;
     test) pkgs+=(libgtest-dev libgmock-dev) ;;
-    bench) pkgs+=(libbenchmark-dev) ;;
+    bench) pkgs+=(libbenchmark-dev libspdlog-dev) ;;
     fuzz) pkgs+=(clang libclang-rt-14-dev) ;;
     *) echo "deps.sh: unknown set '$what'" >&2; exit 2 ;;
   esac

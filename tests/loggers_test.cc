@@ -30,6 +30,7 @@
 #include <gtest/gtest.h>
 
 #include "exceptions.h"
+#include "utilities.h"
 
 namespace {
 
@@ -170,6 +171,39 @@ TEST(LoggerLevels, NamesAcronymsAndFilter) {
     EXPECT_NE(l.lines[1].find(" db3 ["), std::string::npos);
 }
 
+void user_text(std::string& out, char const* fmt, ...) {
+    record_logger_t l;
+    va_list ap;
+    va_start(ap, fmt);
+    l.format_user(out, fmt, ap);
+    va_end(ap);
+}
+
+#define EXPECT_SAME_TEXT(...)                        \
+    do {                                             \
+        std::string got("pre:"), want;               \
+        user_text(got, __VA_ARGS__);                 \
+        q_format(want, __VA_ARGS__);                 \
+        EXPECT_EQ(got, "pre:" + want) << #__VA_ARGS__; \
+    } while (0)
+
+TEST(LoggerFormat, MessageTextAsPrintfMakesIt) {
+    EXPECT_SAME_TEXT("plain");
+    EXPECT_SAME_TEXT("%d %i %u|%ld %lu|%lld %llu|%zd %zu", -5, 0, 4294967295u, -9223372036854775807L - 1,
+                     18446744073709551615UL, -1LL, 1ULL, ssize_t(-3), size_t(7));
+    EXPECT_SAME_TEXT("%s=%.*s %.3s %.*s%c%%", "k", 2, "value", "ab", -1, "neg", 'x');
+    EXPECT_SAME_TEXT("%.0s|%.10s|%c|end", "gone", "short", 0);
+    // Flags, widths, other conversions and null strings: the full formatter.
+    EXPECT_SAME_TEXT("%5d|%-3s|%x|%p|%hd|%05.1f", 42, "a", 255u, static_cast<void*>(nullptr), short(7), 2.5);
+    char const* volatile none = nullptr;
+    EXPECT_SAME_TEXT("[%s] %d", none, 3);
+    EXPECT_SAME_TEXT("%lc|%ls|%jd", L'a', L"w", intmax_t(9));
+    for (size_t n : {1023u, 1024u, 1025u, 5000u}) {
+        std::string const big(n - 2, 'b');
+        EXPECT_SAME_TEXT("%s%d", big.c_str(), 12);
+    }
+}
+
 TEST(LoggerPrefix, LayoutParsesBack) {
     log_guard_t guard;
     memfile_t f;
@@ -184,10 +218,14 @@ TEST(LoggerPrefix, LayoutParsesBack) {
     if_logger_t::generation = 2;
     l->set_level(13);
     l->log(13, "out of range");
+    if_logger_t::generation = 0;
+    l->log_INFO("%5d|%-3s|%s", 42, "a", std::string(3000, 'z').c_str());  // the printf path
     delete l;
 
     std::vector<std::string> lines = f.lines();
-    ASSERT_EQ(lines.size(), 3u);
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[3].substr(18, 18), lines[0].substr(18, 18));
+    EXPECT_EQ(body(lines[3]), "   42|a  |" + std::string(3000, 'z'));
     std::string const& a = lines[0];
     // 20141202.133605.07 inf [04711 04713] noname hello 5
     ASSERT_GE(a.size(), 18u) << a;
