@@ -21,6 +21,7 @@
 
 #include "exceptions.h"
 #include "numeric-triades.h"
+#include "runnable.h"
 #include "time-objs.h"
 #include "utilities.h"
 
@@ -106,7 +107,7 @@ int process_id() {
 
 // The calling thread's name as the thread registry knows it, or the name of
 // unknown threads.
-lstr_t thread_name() { return lstr_t("noname", 6); }
+lstr_t thread_name() { return kern_n::runnable_t::self_name(); }
 
 // --- fixed-width digits --------------------------------------------------------
 

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstring>
 #include <cerrno>
 #include <set>
 #include <stdexcept>
@@ -16,6 +17,7 @@
 #include <vector>
 
 #include "exceptions.h"
+#include "loggers.h"
 #include "syncers.h"
 
 namespace {
@@ -87,6 +89,28 @@ TEST(Lwp, StartAndJoin) {
     t = lwp_t::start("quick", [] {}, false);
     EXPECT_TRUE(t->join(timegap_t(60, 0)));
     EXPECT_TRUE(t->join(timegap_t::infinite()));
+}
+
+// Keeps every line written.
+struct record_logger_t : if_logger_t {
+    record_logger_t() : if_logger_t(INFO) {}
+    bool is_stderr() const override { return false; }
+    size_t write(char const* t) override {
+        lines.push_back(t);
+        return std::strlen(t);
+    }
+    std::vector<std::string> lines;
+};
+
+TEST(Lwp, LogLinesShowTheThreadName) {
+    record_logger_t log;
+    lwp_t::start("abc", [&] { log.log_INFO("inside"); }, false)->join(timegap_t::infinite());
+    lwp_t::start("a longer name", [&] { log.log_INFO("inside"); }, false)->join(timegap_t::infinite());
+    log.log_INFO("outside");
+    ASSERT_EQ(3u, log.lines.size());
+    EXPECT_NE(std::string::npos, log.lines[0].find("] abc    inside"));
+    EXPECT_NE(std::string::npos, log.lines[1].find("] a longer name inside"));
+    EXPECT_NE(std::string::npos, log.lines[2].find("] noname outside"));
 }
 
 TEST(Lwp, DetachedAndDroppedAtOnce) {
