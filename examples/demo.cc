@@ -95,14 +95,99 @@ void show_exceptions() {
     }
 }
 
+// --- command line -------------------------------------------------------
+
+struct options_t {
+    int verbose = 0;
+    long lines = 12;
+    char const* name = "update-agent";
+    bool help = false;
+};
+
+cmd_switch_t const k_switches[] = {
+    {"verbose", cmd_switch_t::logical},
+    {"lines", cmd_switch_t::signed_number},
+    {"name", cmd_switch_t::string},
+    {"help", cmd_switch_t::action},
+};
+char const* const k_switch_help[] = {
+    "--[no-]verbose     print more (yes/no/on/off/true/false/1/0 as value)",
+    "--lines=N          number of log lines to write",
+    "--name=TEXT        the agent name shown in the output",
+    "--help             this list",
+};
+
+void on_switch(void* ctx, int code, unsigned long index, char const* name, void* value) {
+    options_t& o = *static_cast<options_t*>(ctx);
+    if (code != cmd_switch_t::ok) {
+        std::fprintf(stderr, "switch %s: %s\n", name ? name : "?", cmd_switch_t::error(code));
+        return;
+    }
+    switch (index) {
+        case 0: o.verbose = *static_cast<int*>(value); break;
+        case 1: o.lines = *static_cast<long*>(value); break;
+        case 2: o.name = static_cast<char const*>(value); break;
+        case 3: o.help = true; break;
+    }
+}
+
+// Returns false when the program should stop (help shown or a bad switch).
+bool parse_command_line(int argc, char** argv, options_t& o) {
+    unsigned long const n = sizeof(k_switches) / sizeof(k_switches[0]);
+    int rc = cmd_switch_t::parse(on_switch, &o, argc, argv, n, k_switches, "--", "=");
+    if (rc < 0 || o.help) {
+        std::printf("usage: qvlkern_demo [switches]\n");
+        for (char const* line : k_switch_help) std::printf("  %s\n", line);
+        return false;
+    }
+    return true;
+}
+
+// --- time ----------------------------------------------------------------
+
+void show_time() {
+    section("time");
+    timestamp_t now = kern::time::now();
+    std::string rfc, local;
+    now.rfc1123_date(rfc);
+    localtime_t(now).rfc1123_date(local);
+    std::printf("  17 digits:  %s\n", std::string(now).c_str());
+    std::printf("  RFC 1123:   %s\n", rfc.c_str());
+    std::printf("  local:      %s\n", local.c_str());
+    std::printf("  readable:   %s (UTC)\n", now.toReadableString().c_str());
+    timestamp_t back{std::string(now)};
+    std::printf("  read back:  %s, weekday %s\n", back.toReadableString().c_str(), wday_to_string(back.weekday()));
+    std::string uptime;
+    format_uptime(timegap_t(3 * 86400 + 5 * 3600 + 42, 0), uptime);
+    std::printf("  an uptime:  %s\n", uptime.c_str());
+}
+
+// --- quoting -------------------------------------------------------------
+
+void show_quoting() {
+    section("quoting");
+    std::string const line = "user=alice, host=db 1\tstatus=50%, done\r\n";
+    std::string quoted, back;
+    quote_string(line.data(), line.size(), quoted);
+    dequote_string(quoted, back);
+    std::printf("  quoted:     %s\n", quoted.c_str());
+    std::printf("  round trip: %s\n", back == line ? "identical" : "DIFFERENT");
+}
+
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    options_t opts;
+    if (!parse_command_line(argc, argv, opts)) return opts.help ? 0 : 2;
+    kern::runtime::exec_time_t timer;
     std::printf("qvlkern demo\n");
     // Records copy the call-stack markers that are live at the throw.
     _q_exception_t::backtrace_enabled = true;
     parse_config();
     format_numbers();
     show_exceptions();
+    show_time();
+    show_quoting();
+    std::printf("\n%s: demo took %s\n", opts.name, timer.format().c_str());
     return 0;
 }
