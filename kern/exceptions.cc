@@ -13,6 +13,7 @@
 #include <new>
 #include <string>
 
+#include "loggers.h"
 #include "numeric-triades.h"
 #include "utilities.h"
 
@@ -30,7 +31,7 @@ callstack_t::printer_t printer_or_default(callstack_t::printer_t printer) noexce
 
 // One backtrace line as the process logger writes it: the bare text when
 // the line carries no source position, else the text with its position.
-[[maybe_unused]] std::string exception_log_line(char const* text, char const* file, int line) {
+std::string exception_log_line(char const* text, char const* file, int line) {
     if (!file && line == 0) return q_format("%s", text);
     return q_format("%s @ %s:%d", text, file_or_unknown(file), line);
 }
@@ -166,11 +167,10 @@ void callstack_t::backtrace_stack(void* ctx, printer_t printer, int indent) {
 }
 
 void default_print_exception(void* ctx, char const* text, char const* file, int line) {
-    // Goes to the process logger at level ctx as exception_log_line(text, file, line) once a logger is installed; none is.
-    (void)ctx;
-    (void)text;
-    (void)file;
-    (void)line;
+    if_logger_t* const log = if_logger_t::Log;
+    int const level = static_cast<int>(reinterpret_cast<std::intptr_t>(ctx));
+    if (!log || !log->is_logged(level)) return;
+    log->log(level, "%s", exception_log_line(text, file, line).c_str());
 }
 
 pthread_key_t qexception_initializer() {

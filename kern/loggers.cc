@@ -458,11 +458,21 @@ if_logger_t::~if_logger_t() { delete impl_; }
 bool if_logger_t::is_stderr() const { QVL_THROW(BUG_exception, "pure virtual if_logger_t::is_stderr() called"); }
 size_t if_logger_t::write(char const*) { QVL_THROW(BUG_exception, "pure virtual if_logger_t::write() called"); }
 
-void if_logger_t::log_va(msgclass_t c, char const* fmt, va_list ap) {
-    if (!is_logged(c)) return;
+namespace {
+
+// The body of log_va, kept out of line so that a filtered-out call costs
+// only the level test.
+__attribute__((noinline)) void format_and_write(if_logger_t* l, if_logger_t::msgclass_t c, char const* fmt,
+                                                va_list ap) {
     scratch_lease_t line(this_thread(), slot_line);
-    format(c, line.get(), fmt, ap);
-    write(line.get().c_str());
+    l->format(c, line.get(), fmt, ap);
+    l->write(line.get().c_str());
+}
+
+}  // namespace
+
+void if_logger_t::log_va(msgclass_t c, char const* fmt, va_list ap) {
+    if (is_logged(c)) format_and_write(this, c, fmt, ap);
 }
 
 void if_logger_t::set_level(msgclass_t c) { impl_->level.store(c, std::memory_order_relaxed); }
