@@ -109,12 +109,16 @@ TEST(Runnable, RegistrationOrderAndSingleMembership) {
     // the guard is reported, not thrown.
     EXPECT_THROW(runnable_t::enum_all([](runnable_t const&) { throw std::runtime_error("x"); }), std::runtime_error);
     if (!tsan) {
+        record_logger_t log(if_logger_t::FAULT);
         runnable_t const* inner = nullptr;
         EXPECT_NO_THROW(runnable_t::enum_all([&](runnable_t const&) {
             if (!inner) inner = new entry_t;  // its guard relock fails
         }));
         EXPECT_FALSE(runnable_t::runnables.contains(inner));
         delete inner;
+        ASSERT_EQ(2u, log.lines.size());
+        EXPECT_NE(std::string::npos, log.lines[0].find(" noname: Removing self failed because of unable to lock mutex because of "));
+        EXPECT_NE(std::string::npos, log.lines[1].find(" noname: Adding self failed because of unable to lock mutex because of "));
     }
     EXPECT_EQ(std::vector<runnable_t const*>{&d}, listed());
 }
