@@ -1,6 +1,6 @@
 // A test environment module: create() builds an object that reports its
 // life through the progress callback; with a null callback it returns null.
-#include "dynamic_library.h"
+#include <qvlkern/dynamic_library.h>
 
 namespace {
 

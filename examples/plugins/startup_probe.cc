@@ -2,7 +2,7 @@
 // linked with the library (QVLKERN_PROBE_LINKED), whose start-up then runs
 // before main.
 #ifdef QVLKERN_PROBE_LINKED
-#include "_kern.h"
+#include <qvlkern/_kern.h>
 #endif
 
 int main() {

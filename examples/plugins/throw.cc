@@ -2,7 +2,7 @@
 // given a callback, something else without one.
 #include <stdexcept>
 
-#include "dynamic_library.h"
+#include <qvlkern/dynamic_library.h>
 
 extern "C" __attribute__((visibility("default"))) kern_n::if_environment_t* create(
     kern_n::if_environment_t::if_progress_cb_t* cb) {
