@@ -13,8 +13,8 @@
 // logger, module name locks, module cache, user and group guards, random
 // seed guard, platform description, run-time and random counters, system
 // random source, UUID state and time zone, fatal-signal guard, quotation and
-// allocation counters, sleep event, banner. A "goes here" line keeps the
-// place of an object not written yet. No exported function may be called
+// allocation counters, sleep event, banner. A comment in parentheses keeps
+// the place of objects not written yet. No exported function may be called
 // before the last of them is built.
 #include <cstdio>
 #include <cstdlib>
