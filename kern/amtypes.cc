@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "unicode.h"
+#include "unicode-int.h"
 
 if_root_t::~if_root_t() {}
 
@@ -508,22 +508,7 @@ q_uint64_t lstr_t::calc_hash64() const noexcept {
 // Each byte is mapped as a one-byte string in the process's code page; a
 // mapping that changes the length (a multi-byte sequence, "SS" for a sharp s)
 // or that the Unicode services refuse leaves the ASCII entry in place.
-void lstr_t::init_case() {
-    for (unsigned v = 0; v < 256; ++v) {
-        char const ch = static_cast<char>(v);
-        lstr_t const one(&ch, 1);
-        try {
-            std::string const u = upper_string_uc(one);
-            if (u.size() == 1) upcase[v] = static_cast<uchar>(u[0]);
-        } catch (...) {
-        }
-        try {
-            std::string const l = lower_string_uc(one);
-            if (l.size() == 1) locase[v] = static_cast<uchar>(l[0]);
-        } catch (...) {
-        }
-    }
-}
+void lstr_t::init_case() { kern_n::detail::fill_case_tables(upcase, locase); }
 
 // ---------------------------------------------------------------------------
 // Number conversion: base 10 goes to the library's decimal scanner, other

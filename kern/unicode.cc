@@ -12,6 +12,7 @@
 #include <unicode/utypes.h>
 
 #include "exceptions.h"
+#include "unicode-int.h"
 
 namespace {
 
@@ -117,6 +118,41 @@ std::string upper_string_uc(lstr_t const& s) {
 std::string lower_string_uc(lstr_t const& s) {
     return map_case(s, u_strToLower, "unable to map text to lower case");
 }
+
+namespace kern_n {
+namespace detail {
+
+void fill_case_tables(unsigned char* upcase, unsigned char* locase) noexcept {
+    try {
+        converter_t cnv;  // the only step that can throw: once, not per byte
+        for (unsigned v = 0; v < 256; ++v) {
+            char const in = static_cast<char>(v);
+            UChar wide[8];
+            UErrorCode st = U_ZERO_ERROR;
+            // ucnv_toUChars and ucnv_fromUChars reset the converter themselves.
+            int32_t const wide_len = ucnv_toUChars(cnv.get(), wide, 8, &in, 1, &st);
+            if (U_FAILURE(st)) continue;
+            struct {
+                case_map_t mapper;
+                unsigned char* table;
+            } const maps[] = {{u_strToUpper, upcase}, {u_strToLower, locase}};
+            for (auto const& m : maps) {
+                UChar mapped[8];
+                char out[8];
+                st = U_ZERO_ERROR;
+                int32_t const mapped_len = m.mapper(mapped, 8, wide, wide_len, nullptr, &st);
+                if (U_FAILURE(st)) continue;
+                int32_t const out_len = ucnv_fromUChars(cnv.get(), out, 8, mapped, mapped_len, &st);
+                if (U_SUCCESS(st) && out_len == 1) m.table[v] = static_cast<unsigned char>(out[0]);
+            }
+        }
+    } catch (...) {
+        // no converter for the code page: the tables keep what they hold
+    }
+}
+
+}  // namespace detail
+}  // namespace kern_n
 
 namespace kern {
 
