@@ -52,6 +52,7 @@
 #ifndef QVLKERN_LOGGERS_H
 #define QVLKERN_LOGGERS_H
 
+#include <atomic>
 #include <cstdarg>
 #include <cstddef>
 #include <string>
@@ -156,7 +157,10 @@ public:
 
 private:
     struct impl_t;
-    impl_t* impl_;
+    impl_t* impl_;  // the mutex and the handler set
+    // Read without a lock by every message, so kept here rather than behind
+    // impl_.
+    std::atomic<msgclass_t> level_;
 };
 
 // Descriptor logger facade.
@@ -239,6 +243,10 @@ protected:
     int repeat_count_;
     mutex_t repeat_mutex_;
     mutex_t write_mutex_;
+    // Set while the mutex of the same name is held: a thread that sees it
+    // spins briefly before it blocks.
+    std::atomic<bool> repeat_busy_;
+    std::atomic<bool> write_busy_;
 
 private:
     // out becomes prefix, message and a line end, unless the message repeats

@@ -293,6 +293,30 @@ private:
     va_list ap_;
 };
 
+// Holds a mutex like xlocker_t and marks it busy meanwhile. A thread that
+// finds the mark set spins a little before it blocks: the descriptor logger
+// holds its mutexes for one write(2) at most, much less than it costs to
+// sleep in the kernel and be woken again, which is what two threads logging
+// at full speed would otherwise do on every line.
+class spin_locker_t {
+public:
+    spin_locker_t(mutex_t& m, std::atomic<bool>& busy) : hold_((spin_while(busy), m)), busy_(busy) {
+        busy_.store(true, std::memory_order_relaxed);
+    }
+    ~spin_locker_t() { busy_.store(false, std::memory_order_relaxed); }
+    spin_locker_t(spin_locker_t const&) = delete;
+    spin_locker_t& operator=(spin_locker_t const&) = delete;
+
+private:
+    // About a microsecond: one write(2) of a line.
+    static void spin_while(std::atomic<bool> const& busy) {
+        for (int i = 0; i < 64 && busy.load(std::memory_order_relaxed); ++i) __builtin_ia32_pause();
+    }
+
+    xlocker_t<mutex_t> hold_;
+    std::atomic<bool>& busy_;
+};
+
 // --- the line into a buffer ---------------------------------------------------------
 
 // Largest prefix: time 18, class 5, ids 13, generation 3, "] " 2.
@@ -442,15 +466,13 @@ std::string type_name_of(if_logger_t const& l) {
 // --- if_root_t-derived interfaces ----------------------------------------------
 
 struct if_logger_t::impl_t {
-    explicit impl_t(msgclass_t c) : handlers(11), level(c) {}
+    impl_t() : handlers(11) {}
 
     mutex_t mutex;
     boost::unordered_set<if_logger_error_t*> handlers;
-    // Read without the mutex on every message.
-    std::atomic<msgclass_t> level;
 };
 
-if_logger_t::if_logger_t(msgclass_t level) : impl_(new impl_t(level)) {}
+if_logger_t::if_logger_t(msgclass_t level) : impl_(new impl_t), level_(level) {}
 
 if_logger_t::~if_logger_t() { delete impl_; }
 
@@ -475,11 +497,11 @@ void if_logger_t::log_va(msgclass_t c, char const* fmt, va_list ap) {
     if (is_logged(c)) format_and_write(this, c, fmt, ap);
 }
 
-void if_logger_t::set_level(msgclass_t c) { impl_->level.store(c, std::memory_order_relaxed); }
+void if_logger_t::set_level(msgclass_t c) { level_.store(c, std::memory_order_relaxed); }
 
-if_logger_t::msgclass_t if_logger_t::get_level() const { return impl_->level.load(std::memory_order_relaxed); }
+if_logger_t::msgclass_t if_logger_t::get_level() const { return level_.load(std::memory_order_relaxed); }
 
-bool if_logger_t::is_logged(msgclass_t c) { return impl_->level.load(std::memory_order_relaxed) >= c; }
+bool if_logger_t::is_logged(msgclass_t c) { return level_.load(std::memory_order_relaxed) >= c; }
 
 void if_logger_t::format(msgclass_t c, std::string& out, char const* fmt, va_list ap) {
     format_pref(out, c);
@@ -616,7 +638,12 @@ if_logger_t* fd_logger_t::create(int fd) { return new fd_logger_impl_t(fd); }
 if_logger_t* fd_logger_t::create_() { return new fd_logger_impl_t(2); }
 
 fd_logger_impl_t::fd_logger_impl_t(int fd)
-    : if_logger_t(INFO), fd_(fd), failure_reported_(false), repeat_count_(1) {}
+    : if_logger_t(INFO),
+      fd_(fd),
+      failure_reported_(false),
+      repeat_count_(1),
+      repeat_busy_(false),
+      write_busy_(false) {}
 
 fd_logger_impl_t::~fd_logger_impl_t() {
     try {
@@ -635,7 +662,7 @@ size_t fd_logger_impl_t::write(char const* text) {
 
 size_t fd_logger_impl_t::write_fd(char const* text, size_t len) {
     if (fd_ == -1 || len == 0) return 0;
-    xlocker_t<mutex_t> hold(write_mutex_);
+    spin_locker_t hold(write_mutex_, write_busy_);
     // pos is both the position in text and the count of bytes written.
     std::ptrdiff_t pos = 0;
     size_t left = len;
@@ -711,7 +738,7 @@ void fd_logger_impl_t::emit_line(std::string& out, char const* prefix, size_t pl
         put_line(out, prefix, plen, message, mlen);
         return;
     }
-    xlocker_t<mutex_t> hold(repeat_mutex_);
+    spin_locker_t hold(repeat_mutex_, repeat_busy_);
     if (mlen == last_message_.size() && std::memcmp(message, last_message_.data(), mlen) == 0) {
         // Only the text counts: the same text in another class repeats too.
         last_prefix_.assign(prefix, plen);
@@ -729,7 +756,7 @@ void fd_logger_impl_t::emit_line(std::string& out, char const* prefix, size_t pl
 }
 
 void fd_logger_impl_t::write_repeat_summary() {
-    xlocker_t<mutex_t> hold(repeat_mutex_);
+    spin_locker_t hold(repeat_mutex_, repeat_busy_);
     if (repeat_count_ != 1) write_repeat_summary_locked();
 }
 
