@@ -10,6 +10,7 @@
 #include "exceptions.h"
 #include "loggers.h"
 #include "lwp.h"
+#include "numstrings-int.h"
 #include "numstrings.h"
 #include "numeric-triades.h"
 #include "quote-utils.h"
