@@ -2,7 +2,11 @@
 // package the way a daemon of the agent would be.
 #include <qvlkern/kern.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -174,9 +178,131 @@ void show_quoting() {
     std::printf("  round trip: %s\n", back == line ? "identical" : "DIFFERENT");
 }
 
+// --- logging -------------------------------------------------------------
+
+// The second logger of the chain, on a file of the demo's own.
+if_logger_t* g_file_log = nullptr;
+
+// Lines go to standard error and, through a chain, to a second descriptor
+// logger on a file of the demo's own.
+int start_logging(int verbose) {
+    section("logging (see standard error and demo-chain.log)");
+    init_logger(verbose ? "DEBUG" : "INFO", "-", nullptr, nullptr);
+    int fd = ::open("demo-chain.log", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd >= 0) chain_logger_t::add(g_file_log = fd_logger_t::create(fd));
+    std::string shape;
+    chain_logger_t::collect_info(shape);
+    std::printf("  chain: %s\n", shape.c_str());
+
+    if_logger_t* log = if_logger_t::Log;
+    log->log_NOTICE("%s", kern_signature());
+    log->log_INFO("agent starting, %d workers", 3);
+    log->log_WARNING("cache directory %s is not on a local disk", "/var/cache/qvl");
+    log->log_DEBUG("shown with --verbose only");
+    for (int i = 0; i < 3; ++i) log->log_INFO("heartbeat");  // folded into one line and a summary
+    log->log_INFO("heartbeats done");
+    return fd;
+}
+
+// --- threads -------------------------------------------------------------
+
+void log_resources(char const* when) {
+    if_logger_t* log = if_logger_t::Log;
+    kern_n::runnable_t::show_threads();
+    q_uint64_t user = 0, sys = 0, minor = 0, major = 0, swaps = 0;
+    kern_n::runnable_t::cpu_usage(&user, &sys);
+    kern_n::runnable_t::paging_usage(&minor, &major, &swaps);
+    kern_n::vminfo_t vm = {};
+    kern_n::runnable_t::vm_usage(&vm);
+    log->log_INFO("%s: cpu %s user %s system, %llu minor faults, vm %s rss %s, %u handles", when,
+                  elapsed_time(timegap_t(static_cast<long>(user), -8)).c_str(),
+                  elapsed_time(timegap_t(static_cast<long>(sys), -8)).c_str(),
+                  static_cast<unsigned long long>(minor), kilobytes(vm.vm_size, true).c_str(),
+                  kilobytes(vm.vm_rss, true).c_str(), kern_n::runnable_t::handles_count());
+}
+
+// The main thread's own registry entry, so that its log lines carry a name.
+class main_entry_t : public kern_n::runnable_t {
+public:
+    main_entry_t() : runnable_t(deferred_t()) {
+        set_name("main");
+        register_in_list();
+    }
+    ~main_entry_t() override { deregister_from_list(); }
+    char const* type() const override { return "main"; }
+};
+
+void run_workers() {
+    section("threads");
+    log_resources("before workers");
+    std::vector<lwp_t::shared> workers;
+    for (char const* name : {"fetcher", "checker", "reporter"}) {
+        workers.push_back(lwp_t::start(
+            name,
+            [name] {
+                volatile unsigned long sum = 0;
+                for (unsigned long i = 0; i < 20000000; ++i) sum = sum + i;
+                if_logger_t::Log->log_INFO("%s done", name);
+            },
+            false));
+    }
+    kern_n::runnable_t::show_threads();
+    for (lwp_t::shared const& w : workers) {
+        bool joined = w->join(timegap_t(10, 0));
+        std::printf("  %-8s joined: %s\n", w->name.c_str(), joined ? "yes" : "timed out");
+    }
+    workers.clear();  // an entry stays listed while its object lives
+    log_resources("after workers");
+}
+
+// --- modules -------------------------------------------------------------
+
+class progress_t : public kern_n::if_environment_t::if_progress_cb_t {
+public:
+    void progress(int percent, char const* what) override {
+        std::printf("  module says %3d%% %s\n", percent, what);
+    }
+};
+
+void load_modules() {
+    section("modules");
+    std::printf("  %s\n", kern_signature());
+    std::printf("  time to live %lu s (QVLSRV_DYNALIB_TTL)\n", env_get_number("QVLSRV_DYNALIB_TTL", 60));
+    kern::dynalib::cache::set_enabled();
+    progress_t cb;
+    {
+        kern_n::if_environment_t::factory_t env("qvlplug_env", QVLKERN_DEMO_PLUGIN_DIR, &cb);
+        if (env.get_env())
+            std::printf("  execute(21) = %d\n", env.get_env()->execute(21, nullptr));
+        else
+            std::printf("  factory failed: %s\n", env.get_error().c_str());
+    }
+    auto cached = [] {
+        xlocker_t<mutex_t> guard(kern::dynalib::cache::s_storage_guard);
+        return kern::dynalib::cache::s_storage ? kern::dynalib::cache::s_storage->count : 0u;
+    };
+    std::printf("  released; modules cached: %u\n", cached());
+    try {
+        dynamic_library_t bad("qvlplug_unresolved", QVLKERN_DEMO_PLUGIN_DIR);
+    } catch (q_exception_t_shell_t const& e) {
+        std::printf("  as expected: %s\n", e.what());
+    }
+    ::sleep(static_cast<unsigned>(env_get_number("QVLSRV_DYNALIB_TTL", 60)) + 1);
+    kern::dynalib::cache::flush_if_need();
+    std::printf("  after the time to live: modules cached: %u\n", cached());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Settings are read once, when the library is loaded: to show the module
+    // cache dropping an idle module without waiting a minute, the demo starts
+    // itself again with a short time to live.
+    if (!std::getenv("QVLSRV_DYNALIB_TTL")) {
+        ::setenv("QVLSRV_DYNALIB_TTL", "1", 1);
+        ::execv("/proc/self/exe", argv);
+    }
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);  // keep stdout in step with the log on stderr
     options_t opts;
     if (!parse_command_line(argc, argv, opts)) return opts.help ? 0 : 2;
     kern::runtime::exec_time_t timer;
@@ -188,6 +314,17 @@ int main(int argc, char** argv) {
     show_exceptions();
     show_time();
     show_quoting();
+    main_entry_t main_entry;
+    kern_n::runnable_t::wrap_helper_t adopt_main(&main_entry);
+    int chain_fd = start_logging(opts.verbose);
+    run_workers();
+    load_modules();
+    log_syncers_stat();
+    if (g_file_log) {
+        chain_logger_t::remove(g_file_log);  // the chain hands the logger back
+        delete g_file_log;
+        ::close(chain_fd);
+    }
     std::printf("\n%s: demo took %s\n", opts.name, timer.format().c_str());
     return 0;
 }
