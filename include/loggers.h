@@ -44,8 +44,10 @@
 //  - The bootstrap logger logger_init_t::s_simple_ is never destroyed: the
 //    process logger falls back to it at exit and later teardown may still
 //    log through it.
-//  - The line prefix caches the process id, each thread's kernel id (both
-//    renewed after fork()), and the zone offset (renewed every minute).
+//  - The line prefix caches the process id and each thread's kernel id
+//    (both renewed after fork()), and per thread the zone offset and the
+//    date text (renewed when the second changes). A process made by a raw
+//    clone() without the fork handlers shows its parent's ids.
 //  - After a reported write failure the descriptor logger retries from one
 //    byte further back on every failed write and gives up when it would step
 //    before the start of the text; it then answers 0.
