@@ -557,6 +557,7 @@ void if_logger_t::format_user(std::string& out, char const* fmt, va_list ap) {
 
 #define QVL_LOG_WRAPPER(name, c)                \
     void if_logger_t::name(char const* fmt, ...) { \
+        if (level_filter_only_ && level_.load(std::memory_order_relaxed) < (c)) return; \
         va_list ap;                             \
         va_start(ap, fmt);                      \
         try {                                   \
@@ -569,6 +570,7 @@ void if_logger_t::format_user(std::string& out, char const* fmt, va_list ap) {
     }
 
 void if_logger_t::log(msgclass_t c, char const* fmt, ...) {
+    if (level_filter_only_ && level_.load(std::memory_order_relaxed) < c) return;
     va_list ap;
     va_start(ap, fmt);
     try {
@@ -643,7 +645,9 @@ fd_logger_impl_t::fd_logger_impl_t(int fd)
       failure_reported_(false),
       repeat_count_(1),
       repeat_busy_(false),
-      write_busy_(false) {}
+      write_busy_(false) {
+    level_filter_only_ = true;
+}
 
 fd_logger_impl_t::~fd_logger_impl_t() {
     try {
@@ -784,6 +788,7 @@ int syslog_logger_t::trans_facility(char const* name) {
 }
 
 syslog_logger_impl_t::syslog_logger_impl_t(int facility_) : if_logger_t(INFO), facility(facility_) {
+    level_filter_only_ = true;
     ::openlog("qvlsrv", LOG_PID | LOG_CONS, facility);
 }
 
@@ -945,7 +950,7 @@ bool chain_logger_impl_t::has_stderr_again(if_logger_t const* l) {
 
 // --- bootstrap logger -------------------------------------------------------------------
 
-logger_init_t::simple::simple() : if_logger_t(INFO) {}
+logger_init_t::simple::simple() : if_logger_t(INFO) { level_filter_only_ = true; }
 
 bool logger_init_t::simple::is_stderr() const { return true; }
 
