@@ -179,7 +179,7 @@ TEST(kern, settings_come_from_the_environment_at_load) {
 // The module cache is torn down before the start-up logger: what its last
 // module says on the way out still reaches standard error.
 TEST(kern, teardown_unloads_cached_modules_while_the_logger_still_writes) {
-    if (access((plugins + "/libqvlplug_nosig.so").c_str(), R_OK) != 0) GTEST_SKIP() << "test plug-ins not built";
+    if (access((plugins + "/libqvlplug_nosig.so").c_str(), R_OK) != 0) FAIL() << "test plug-ins missing: the examples build makes them";
     child_t const c = report({"QVLSRV_DEBUG_DYNALIB=1", "KERN_TEST_LEAVE_CACHED=1"});
     EXPECT_EQ(c.status, 0) << c.err;
     size_t const destroying = c.err.find("[DynaLib] Storage destroying @");
@@ -194,7 +194,7 @@ TEST(kern, teardown_unloads_cached_modules_while_the_logger_still_writes) {
 // writes "<shim-fini>" when exit handlers run.
 TEST(kern, fatal_start_up_messages) {
     std::string const shim = plugins + "/libqvlkern_fault_shim.so";
-    if (access(shim.c_str(), R_OK) != 0) GTEST_SKIP() << "fault shim not built";
+    if (access(shim.c_str(), R_OK) != 0) FAIL() << "fault shim missing: the examples build makes them";
     auto with = [&](char const* fail) {
         // The shim comes before the sanitizer run-time, which must accept it.
         return report({"LD_PRELOAD=" + shim, std::string("QVLSHIM_FAIL=") + fail,
@@ -224,7 +224,7 @@ TEST(kern, fatal_start_up_messages) {
 // it and closes it again, twenty times.
 TEST(kern, dlopen_and_dlclose_of_the_library_itself) {
     std::string const exe = plugins + "/qvlkern_dlopen_cycle";
-    if (access(exe.c_str(), X_OK) != 0) GTEST_SKIP() << "helper not built";
+    if (access(exe.c_str(), X_OK) != 0) FAIL() << "helper missing: the examples build makes them";
     child_t const c = run(exe, {"20"}, {"QVLSRV_DEBUG_DYNALIB=1", "QVLSRV_DYNALIB_TTL=3k"});
     EXPECT_EQ(c.status, 0) << c.err;
     EXPECT_THAT(c.out, StartsWith(std::string("ok 20 ") + kern_signature()));

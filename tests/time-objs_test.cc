@@ -179,7 +179,7 @@ TEST(TimeStamp, CalendarAgainstReferences) {
             bd += boost::gregorian::days(1);
         }
         if (day % 37 == 5) {
-            char want[32];
+            char want[64];
             std::snprintf(want, sizeof want, "%04d%02d%02d%02d%02d%02d%03d", y, m, d, sec / 3600, sec / 60 % 60,
                           sec % 60, static_cast<int>(day % 1000));
             timestamp_t const ms = t + timegap_t(day % 1000, -3);
