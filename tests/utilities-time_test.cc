@@ -8,39 +8,33 @@
 
 namespace {
 
-std::string uptime(timegap_t g) {
-    std::string s = "up ";
-    format_uptime(g, s);
-    return s;
-}
-
 TEST(DurationTexts, ElapsedTime) {
-    EXPECT_EQ(elapsed_time(timegap_t()), "00.000");
-    EXPECT_EQ(elapsed_time(timegap_t(61005, -3)), "01:01.500");  // trailing zeros, kept
-    EXPECT_EQ(elapsed_time(timegap_t(12, -3)), "00.120");
-    EXPECT_EQ(elapsed_time(timegap_t(999, -3)), "00.999");
-    EXPECT_EQ(elapsed_time(timegap_t(1, 3)), "1-00:00:00.000");
-    EXPECT_EQ(elapsed_time(timegap_t(4, 3, 2, 123) + timegap_t(500, -3)), "123-02:03:04.500");
-    EXPECT_EQ(elapsed_time(timegap_t(0, 0, 10, 0)), "10:00:00.000");
-    EXPECT_EQ(elapsed_time(timegap_t(9, 59, 0, 0)), "59:09.000");
+    struct { timegap_t gap; char const* text; } const cases[] = {
+        {timegap_t(), "00.000"}, {timegap_t(61005, -3), "01:01.500"},  // trailing zeros kept
+        {timegap_t(12, -3), "00.120"}, {timegap_t(999, -3), "00.999"}, {timegap_t(1, 3), "1-00:00:00.000"},
+        {timegap_t(4, 3, 2, 123) + timegap_t(500, -3), "123-02:03:04.500"},
+        {timegap_t(0, 0, 10, 0), "10:00:00.000"}, {timegap_t(9, 59, 0, 0), "59:09.000"}};
+    for (auto const& c : cases) EXPECT_EQ(elapsed_time(c.gap), c.text);
     // From a stamp a few seconds ago: the text grows with the clock.
     std::string const since = elapsed_time(kern::time::now() - timegap_t(5, 0));
     EXPECT_TRUE(since.compare(0, 3, "05.") == 0 || since.compare(0, 3, "06.") == 0) << since;
 }
 
 TEST(DurationTexts, UptimeAndSeconds) {
-    EXPECT_EQ(uptime(timegap_t(3661, 0)), "up 01:01:01");
-    EXPECT_EQ(uptime(timegap_t(5, 0, 0, 2)), "up 02-00:00:05");
-    EXPECT_EQ(uptime(timegap_t(0, 0, 0, 123)), "up 23-00:00:00");
-    EXPECT_EQ(uptime(timegap_t(0, 0, 0, 100)), "up 00:00:00");  // day count cut to "00"
-    EXPECT_EQ(uptime(timegap_t()), "up 00:00:00");
-
-    EXPECT_EQ(str_time(0), "00:00");
-    EXPECT_EQ(str_time(61), "01:01");
-    EXPECT_EQ(str_time(3661), "01:01:01");
-    EXPECT_EQ(str_time(90061), "1-01:01:01");
-    EXPECT_EQ(str_time(86401), "1-00:01");  // zero hour dropped after days, kept
-    EXPECT_EQ(str_time(86400UL * 400 + 23 * 3600 + 59 * 60 + 59), "400-23:59:59");
+    struct { timegap_t gap; char const* text; } const up[] = {
+        {timegap_t(3661, 0), "up 01:01:01"}, {timegap_t(5, 0, 0, 2), "up 02-00:00:05"},
+        {timegap_t(0, 0, 0, 123), "up 23-00:00:00"}, {timegap_t(0, 0, 0, 100), "up 00:00:00"},  // days cut to "00"
+        {timegap_t(), "up 00:00:00"}};
+    for (auto const& c : up) {
+        std::string s = "up ";  // appended to, never cleared
+        format_uptime(c.gap, s);
+        EXPECT_EQ(s, c.text);
+    }
+    struct { unsigned long secs; char const* text; } const st[] = {
+        {0, "00:00"}, {61, "01:01"}, {3661, "01:01:01"}, {90061, "1-01:01:01"},
+        {86401, "1-00:01"},  // the zero hour is dropped after days
+        {86400UL * 400 + 23 * 3600 + 59 * 60 + 59, "400-23:59:59"}};
+    for (auto const& c : st) EXPECT_EQ(str_time(c.secs), c.text);
 
     long const now = static_cast<long>(kern::time::now().unixtime());
     std::string const t = time_string(now - 90061);
@@ -59,13 +53,9 @@ TEST(DurationTexts, Weekdays) {
     }
     EXPECT_STREQ(wday_to_string(7), "Error");
     EXPECT_STREQ(wday_to_string(-1), "Error");
-    EXPECT_EQ(string_to_wday("SUNDAY"), 6);
-    EXPECT_EQ(string_to_wday("tHu"), 3);
-    EXPECT_EQ(string_to_wday("sA"), 5);
-    EXPECT_EQ(string_to_wday("Sund"), -1);
-    EXPECT_EQ(string_to_wday("S"), -1);
-    EXPECT_EQ(string_to_wday(""), -1);
-    EXPECT_EQ(string_to_wday(nullptr), -1);
+    struct { char const* in; int day; } const odd[] = {
+        {"SUNDAY", 6}, {"tHu", 3}, {"sA", 5}, {"Sund", -1}, {"S", -1}, {"", -1}, {nullptr, -1}};
+    for (auto const& c : odd) EXPECT_EQ(string_to_wday(c.in), c.day) << (c.in ? c.in : "(null)");
 }
 
 TEST(DurationTexts, StampTextFields) {
