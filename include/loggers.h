@@ -9,13 +9,19 @@
 //   fd_logger_t      a descriptor (standard error by default); folds runs of
 //                    one message into the first line and a repeat summary;
 //   syslog_logger_t  the system log, priority from the class;
-//   chain_logger_t   two loggers fed with every message; chains nest.
+//   chain_logger_t   two loggers fed with every message; chains nest;
+//   file_logger_t    a named file, a descriptor logger that also rotates the
+//                    file by size or calendar period, keeps numbered older
+//                    files (compressing the newest with gzip on a thread of
+//                    its own) and re-creates the file when it is removed.
 //
 // if_logger_t::Log is the process logger. Library start-up points it at a
 // descriptor logger on standard error; a program replaces that with
 // init_logger() while it is still single-threaded:
 //
 //   init_logger("TRACE", "-", "", nullptr);     // stderr at TRACE
+//   init_logger("INFO", "/var/log/agent.log", "10z,10m", nullptr);
+//       // ten files, the older ones gzipped, a new file every 10 MiB
 //   if (if_logger_t::Log->is_logged(if_logger_t::DEBUG))
 //       if_logger_t::Log->log_DEBUG("[App] state %s", costly().c_str());
 //
@@ -31,6 +37,10 @@
 // not insert or remove handlers of the same logger. Replacing
 // if_logger_t::Log (init_logger, chain_logger_t::add/remove) takes no lock:
 // do it while no other thread logs.
+//
+// Rotation specifications ("<count>[z|p],<number><unit>", units k m g for
+// KiB MiB GiB, H D W for an hour, a day, a week; "NONE" or empty for none)
+// and the names of kept files are described at file_logger_impl_t below.
 //
 // Choices left open elsewhere and made here:
 //  - Message classes are named after the log_* wrappers: CRIT, FAULT,
@@ -51,6 +61,29 @@
 //  - After a reported write failure the descriptor logger retries from one
 //    byte further back on every failed write and gives up when it would step
 //    before the start of the text; it then answers 0.
+//  - Destroying a file logger waits for the compression that its last
+//    rotation started, so that no half-written .gz is left behind and the
+//    compression thread never outlives the logger it writes its messages to.
+//  - The one-minute gate between attempts to re-create the log file applies
+//    only after a failed attempt: after a successful open, a rotation or the
+//    re-creation of a removed file proceeds at once.
+//  - When the log file cannot be renamed at rotation time it is kept and
+//    appended to, not truncated, and the rotation is tried again a minute
+//    later; with a count of 1 the file is truncated, as asked.
+//  - With compression on, the shift of kept files also moves a plain file
+//    of an index (one left by a compression that failed or was cut short by
+//    the end of the process), so that no rotated file is overwritten.
+//  - A compression that fails removes its partial .gz and keeps the plain
+//    file; a finished .gz is synced to disk before the plain file goes.
+//  - A re-created log file is opened appending, like the first open, so that
+//    lines are never written over another writer's.
+//  - Rotation specifications: blanks around them are ignored, the letters
+//    (z, p, units, "NONE") are case-insensitive, a count or number left out
+//    reads as 0 (its default), and text that fits none of the forms, before
+//    the comma or after the unit, is refused like an unknown unit. Numbers
+//    whose limit does not fit 64 bits are refused too.
+//  - Weekly periods end on Mondays at local midnight.
+//  - The compression thread is listed in the thread registry as "logzip".
 #ifndef QVLKERN_LOGGERS_H
 #define QVLKERN_LOGGERS_H
 
@@ -59,8 +92,11 @@
 #include <cstddef>
 #include <string>
 
+#include <boost/shared_ptr.hpp>
+
 #include "amtypes.h"
 #include "syncers.h"
+#include "time-objs.h"
 
 class if_logger_t;
 
@@ -219,6 +255,19 @@ public:
     static void collect_info(std::string& out);
 };
 
+// File logger facade.
+class QVL_API file_logger_t : public virtual if_logger_t {
+public:
+    file_logger_t() = delete;
+
+    // A logger on the file name (opened at once, appending), rotated as the
+    // specification says; level INFO. The logger is returned also when the
+    // file could not be opened: it tries again on later writes.
+    static if_logger_t* create(char const* name, char const* rotation);
+    // The same, writing the banner line at every open of the file.
+    static if_logger_t* create(char const* name, char const* rotation, std::string banner);
+};
+
 // --- implementations --------------------------------------------------------
 // Callers use the facades; these are visible for the file logger and for
 // inspection.
@@ -301,6 +350,149 @@ public:
 
     if_logger_t* first;
     if_logger_t* second;  // may be null
+};
+
+// The file logger: the descriptor logger on a file that it opens itself,
+// plus rotation, compression of rotated files and recovery of a lost file.
+//
+// Rotation specification: empty or "NONE": no rotation. Otherwise a count
+// of files kept (the current one included; 0 means 10), then "z" to gzip
+// the rotated files (the default) or "p" to keep them plain, a comma, a
+// number and a unit: k, m (or none) or g rotate when the file reaches that
+// many KiB, MiB or GiB (0 means 10, a negative number never), H, D or W
+// rotate at the end of every that many local hours, days or weeks (0 means
+// 1, a negative number never). Without the comma the file never rotates.
+// Any other text is refused: "Invalid logs rotation ..." goes to the process
+// logger and the file is not opened.
+//
+//   "10z,10m"  ten files, gzipped, a new one every 10 MiB (the default)
+//   "5p,1D"    five plain files, a new one at every local midnight
+//
+// Kept files: index n inserts ".n" before the last extension of the name, or
+// appends it when the name has none; compressed ones end in ".gz":
+// agent.log, agent.1.log.gz, agent.2.log.gz ...; /var/log.d/agent,
+// /var/log.d/agent.1 ...
+//
+// Writers are serialised by the file mutex; checks, reopening and rotation
+// run inside a write on the writing thread. A rotation renames the file to
+// index 1 and starts a thread that compresses it; the next rotation waits
+// for that compression (the rotation lock is held from the start of one
+// until its compression has ended). The compression thread writes its own
+// messages through the descriptor write only.
+class QVL_API file_logger_impl_t : public fd_logger_impl_t {
+public:
+    // The rotation lock held exclusively by a rotation and then by the
+    // compression that it starts; released when both have dropped it.
+    typedef boost::shared_ptr<xlocker_t<rwlock_t> > rotation_hold_t;
+    // The clock of the logger's own timing (checks, reopen gate, periods).
+    typedef timestamp_t (*clock_fn_t)();
+
+    // Defaults, then init(name, rotation, banner).
+    file_logger_impl_t(char const* name, char const* rotation, std::string banner);
+    // Waits for a running compression, writes the pending repeat summary and
+    // closes the file.
+    ~file_logger_impl_t() override;
+
+    // Sets the defaults (10 MiB, ten files, compressed, no period), takes
+    // over the strings, parses the specification and opens the file
+    // appending; an invalid specification is reported and opens nothing.
+    void init(char const* name, char const* rotation, std::string banner);
+
+    bool is_stderr() const override;
+    // Checks the file (at most once a second), rotates when due, then writes
+    // the text; answers the bytes written. Never throws for a file failure:
+    // those become "[Logger]" lines or handler calls (once per condition).
+    size_t write(char const* text) override;
+    void format(msgclass_t c, std::string& out, char const* fmt, va_list ap) override;
+
+    // The steps of write(), public for inspection. Except for the static
+    // ones, callers hold the file mutex, as write() does, or are the only
+    // thread using the logger.
+    //
+    // (Re)opens the file: appending, or created empty with recreate (then
+    // at most once a minute after a failed attempt; failures go to the
+    // list). Writes the banner. False when no file is open.
+    bool open(bool recreate, std::string* failures);
+    // Rotates when still due: shift, rename, reopen, compression thread.
+    void rotate();
+    // Renames, reporting a failure into failures, or into the current file
+    // when failures is null; errno tells the failure.
+    bool rename(std::string const& from, std::string const& to, std::string* failures);
+    // Compresses from into to and removes from; the body of the compression
+    // thread. Drops the hold when done.
+    void pack(rotation_hold_t hold, std::string const& from, std::string const& to);
+    // Reads up to size bytes of the current file at offset.
+    size_t read_fd(char* buffer, q_int64_t offset, size_t size);
+    // Closes the file.
+    void close();
+
+    // Waits until no compression runs.
+    void wait_compression();
+
+    // One of the logger's own messages, formatted by the process logger's
+    // format (with its prefix, its line end if it adds one, and its folding
+    // of repeats).
+    static void prepare(std::string& out, msgclass_t c, char const* fmt, ...) QVL_PRINTF(3, 4);
+    // Appends text to the list, "\n" between entries; a null list is ignored.
+    static void add_failure(std::string* list, std::string const& text);
+    // out becomes the name of kept file n (see above), with ".gz" when gz.
+    static void suffix(std::string& out, std::string const& name, unsigned n, bool gz);
+
+    // True once an open has succeeded.
+    bool opened() const { return opened_.load(std::memory_order_acquire); }
+    // The parsed specification: bytes (-1 none), ticks (0 none), files kept,
+    // compression, and the text after the comma.
+    q_int64_t size_limit() const { return size_limit_; }
+    q_int64_t time_limit() const { return time_limit_; }
+    q_uint32_t count() const { return count_; }
+    bool compress() const { return compress_; }
+    std::string const& rotation_text() const { return rotation_text_; }
+    std::string const& file_name() const { return file_name_; }
+
+    // kern::time::now unless a test sets its own; set it while no file
+    // logger is in use.
+    static clock_fn_t clock;
+
+private:
+    struct pack_job_t;
+    static void pack_main(pack_job_t* job);
+
+    // Local time of a UTC moment, with the zone offset cached by the checks.
+    q_int64_t local_ticks(timestamp_t utc) const { return utc.value - zone_ticks_; }
+    void renew_zone(timestamp_t now);
+    // Rotation condition of write() step 3.
+    bool rotation_due(timestamp_t now) const;
+    // fstat of the file: size, or the re-creation of a removed file.
+    void check_file();
+    // Writes through the descriptor write, counting the bytes.
+    void write_own(std::string const& text);
+    // The descriptor's new value, set under the write mutex that the
+    // compression thread's messages take.
+    void set_fd(int fd);
+
+    rwlock_t rwlock_;
+    timestamp_t next_reopen_;
+    mutex_t file_mutex_;
+    std::atomic<bool> file_busy_;
+    timestamp_t next_check_;
+    bool rename_failure_reported_;
+    bool reopen_failure_reported_;
+    std::atomic<bool> opened_;
+    std::string file_name_;
+    std::string rotation_text_;
+    std::string banner_;
+    q_int64_t size_limit_;
+    q_int64_t time_limit_;
+    q_int64_t next_rotation_;
+    q_uint32_t count_;
+    bool compress_;
+    q_int64_t current_size_;
+    // Beyond the list: the errno of the last failed open, the zone offset
+    // (UTC minus local, in ticks) of the last check, and the earliest retry
+    // of a rotation whose rename failed.
+    int open_errno_;
+    q_int64_t zone_ticks_;
+    timestamp_t next_rotation_try_;
 };
 
 // The start-up logger's teardown and the bootstrap logger.
