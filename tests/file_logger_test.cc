@@ -717,6 +717,41 @@ TEST(FileLoggerLoad, LosslessFullSize) {
     lossless_under_load(250000);
 }
 
+// Writers against rotations, compressions whose messages (their .gz name is
+// taken by a directory) race with the re-creation of the file, which another
+// program keeps removing. Lines are lost here by design; what must hold is
+// that nothing breaks, under the thread sanitizer too.
+TEST(FileLoggerLoad, WritersRaceRemovalsRotationsAndCompressions) {
+    log_guard_t guard;
+    file_logger_impl_t::clock = fake_now;
+    g_now = local_at(2020, 6, 15, 10, 0, 0);
+    temp_dir_t dir;
+    std::string const name = dir / "agent.log";
+    ASSERT_EQ(mkdir(name_of(name, 1, true).c_str(), 0755), 0);
+    std::unique_ptr<file_logger_impl_t> l(new file_logger_impl_t(name.c_str(), "2z,4k", "banner"));
+    if_logger_t::Log = l.get();
+    std::atomic<int> running{3};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 6000; ++i) l->log_INFO("race %d %d", t, i);
+            --running;
+        });
+    }
+    threads.emplace_back([&] {
+        while (running > 0) {
+            std::remove(name.c_str());
+            g_now += 61 * k_tps;  // past every check and retry gate
+            std::this_thread::sleep_for(std::chrono::microseconds(500));
+        }
+    });
+    for (auto& t : threads) t.join();
+    l->log_INFO("last");
+    l.reset();
+    std::string const text = read_file(name);
+    EXPECT_NE(text.find("] noname last\n"), std::string::npos) << text;
+}
+
 TEST(FileLoggerLoad, NoDescriptorLeakAndSafeDestruction) {
     temp_dir_t dir;
     std::string const name = dir / "agent.log";
