@@ -449,8 +449,8 @@ public:
     std::string const& rotation_text() const { return rotation_text_; }
     std::string const& file_name() const { return file_name_; }
 
-    // kern::time::now unless a test sets its own; set it while no file
-    // logger is in use.
+    // The real time to a few milliseconds (the system's coarse clock) unless
+    // a test sets its own; set it while no file logger is in use.
     static clock_fn_t clock;
 
 private:

@@ -1001,7 +1001,14 @@ constexpr mode_t k_log_mode = 0640;
 // The compression copies the rotated file in blocks of this size.
 constexpr size_t k_pack_block = 16384;
 
-timestamp_t real_now() { return kern::time::now(); }
+// The logger's own clock needs no more than a few milliseconds of
+// precision (a check once a second, rotation at period ends), and every
+// line reads it: the coarse clock costs a fifth of the precise one.
+timestamp_t coarse_now() {
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME_COARSE, &ts);
+    return timestamp_t(ts.tv_sec * k_second + ts.tv_nsec / 10 + kern::time::unix_epoch_ticks);
+}
 
 // A parsed rotation specification.
 struct rotation_t {
@@ -1295,7 +1302,7 @@ struct file_logger_impl_t::pack_job_t {
     std::string to;
 };
 
-file_logger_impl_t::clock_fn_t file_logger_impl_t::clock = &real_now;
+file_logger_impl_t::clock_fn_t file_logger_impl_t::clock = &coarse_now;
 
 if_logger_t* file_logger_t::create(char const* name, char const* rotation) {
     return new file_logger_impl_t(name, rotation, std::string());
