@@ -17,311 +17,180 @@ static_assert(sizeof(lstr_t) == 16, "length then pointer");
 
 namespace {
 
-using testing::ElementsAre;
-using testing::EndsWith;
-
 std::string S(lstr_t const& s) { return s.to_string(); }
 
 // A slice over a literal that may hold NUL bytes.
 template <std::size_t N>
 lstr_t L(char const (&a)[N]) { return lstr_t(a, N - 1); }
 
-TEST(LstrTest, ConstructionAndConversion) {
+// The cutting operations under one signature (arg: the separator or set).
+using cut_t = lstr_t (*)(lstr_t&, lstr_t, bool);
+lstr_t by_char(lstr_t& s, lstr_t a, bool strict) { return s.word(a[0], strict); }
+lstr_t r_by_char(lstr_t& s, lstr_t a, bool strict) { return s.r_word(a[0], strict); }
+lstr_t by_set(lstr_t& s, lstr_t a, bool strict) { return s.word(a, strict); }
+lstr_t r_by_set(lstr_t& s, lstr_t a, bool strict) { return s.r_word(a, strict); }
+lstr_t by_eol(lstr_t& s, lstr_t, bool strict) { return s.word_by_eol(strict); }
+lstr_t by_sep(lstr_t& s, lstr_t a, bool strict) { return s.word_word(a, strict); }
+lstr_t r_by_sep(lstr_t& s, lstr_t a, bool strict) { return s.r_word_word(a, strict); }
+lstr_t by_sep_ic(lstr_t& s, lstr_t a, bool strict) { return s.word_word_ic(a, strict); }
+lstr_t r_by_sep_ic(lstr_t& s, lstr_t a, bool strict) { return s.r_word_word_ic(a, strict); }
+
+TEST(LstrTest, ConversionAndHashing) {
     EXPECT_TRUE(lstr_t(static_cast<char const*>(nullptr)).empty());
-    EXPECT_EQ(S(lstr_t(static_cast<char const*>(nullptr))), "");
     std::string const owner("a\0b", 3);
     lstr_t const s(owner);
     EXPECT_EQ(s.length(), 3u);
     EXPECT_EQ(s.ptr(), owner.data());
-    EXPECT_EQ(s.to_string(), owner);                     // embedded NUL kept
+    EXPECT_EQ(s.to_string(), owner);                                 // embedded NUL kept
     EXPECT_EQ(lstr_t("MiXeD\xc9").to_lower_string(), "mixed\xc9");  // ASCII only in the C locale
     EXPECT_EQ(lstr_t("MiXeD").to_upper_string(), "MIXED");
     EXPECT_EQ(lstr_t().to_upper_string(), "");
+
+    // h * 31 + byte, on unsigned bytes, each in its own width.
+    auto reference = [](std::string const& t, auto h) {
+        for (unsigned char c : t) h = h * 31u + c;
+        return h;
+    };
+    for (std::string const& t : {std::string("ab"), std::string(), std::string("\xff"), std::string(40, '\xfe')}) {
+        EXPECT_EQ(lstr_t(t).calc_hash32(), reference(t, q_uint32_t(0))) << t;
+        EXPECT_EQ(lstr_t(t).calc_hash64(), reference(t, q_uint64_t(0))) << t;
+    }
+    EXPECT_EQ(lstr_t("ab").calc_hash32(), 3105u);
+    std::string const text(40, '\xfe');
+    EXPECT_NE(q_uint64_t(lstr_t(text).calc_hash32()), lstr_t(text).calc_hash64());  // both wrapped
 }
 
-TEST(LstrTest, Searching) {
+TEST(LstrTest, SearchingAndAffixes) {
     lstr_t const s = L("ab\0cab");
-    EXPECT_TRUE(s.contain('\0'));
-    EXPECT_FALSE(s.contain('z'));
-    EXPECT_FALSE(lstr_t().contain('a'));
-    EXPECT_EQ(s.find('b'), 1u);
-    EXPECT_EQ(s.r_find('b'), 5u);
-    EXPECT_EQ(s.find('z'), lstr_t::npos);
-    EXPECT_EQ(lstr_t().find('a'), lstr_t::npos);
-    EXPECT_EQ(lstr_t().r_find('a'), lstr_t::npos);
-
-    EXPECT_TRUE(s.contain(lstr_t()));                    // empty needle
-    EXPECT_TRUE(s.contain(L("\0ca")));
-    EXPECT_FALSE(s.contain(lstr_t("ab\0cabx", 7)));      // longer
-    EXPECT_TRUE(s.contain(lstr_t(s.ptr(), 2)));          // same start
+    unsigned long const no = lstr_t::npos;
+    struct { lstr_t hay; char c; bool has; unsigned long at, r_at; } const chars[] = {
+        {s, '\0', true, 2, 2}, {s, 'b', true, 1, 5}, {s, 'z', false, no, no}, {lstr_t(), 'a', false, no, no}};
+    for (auto const& c : chars) {
+        EXPECT_EQ(c.hay.contain(c.c), c.has) << c.c;
+        EXPECT_EQ(c.hay.find(c.c), c.at) << c.c;
+        EXPECT_EQ(c.hay.r_find(c.c), c.r_at) << c.c;
+    }
+    // An empty needle, one with a NUL, one at the same start; then a longer one.
+    for (lstr_t sub : {lstr_t(), L("\0ca"), lstr_t(s.ptr(), 2)}) EXPECT_TRUE(s.contain(sub)) << S(sub);
+    EXPECT_FALSE(s.contain(lstr_t("ab\0cabx", 7)));
     EXPECT_TRUE(lstr_t("xABy").contain_ic("ab"));
     EXPECT_FALSE(lstr_t("xABy").contain("ab"));
     EXPECT_TRUE(s.contain_one("zyb"));
     EXPECT_FALSE(s.contain_one("xyz"));
     EXPECT_FALSE(s.contain_one(""));
+    struct { lstr_t hay, sub; unsigned long at; bool ic; } const finds[] = {
+        {s, lstr_t(), no, false}, {s, "ab", 0, false}, {s, L("\0c"), 2, false}, {s, "abx", no, false},
+        {"ab", "abc", no, false}, {"xxaBc", "AbC", 2, true}, {"xxaBc", "bcd", no, true}, {"abc", "", no, true}};
+    for (auto const& f : finds)
+        EXPECT_EQ(f.ic ? f.hay.find_word_ic(f.sub) : f.hay.find_word(f.sub), f.at) << S(f.hay) << " " << S(f.sub);
 
-    EXPECT_EQ(s.find_word(lstr_t()), lstr_t::npos);
-    EXPECT_EQ(s.find_word("ab"), 0u);
-    EXPECT_EQ(s.find_word(L("\0c")), 2u);
-    EXPECT_EQ(s.find_word("abx"), lstr_t::npos);
-    EXPECT_EQ(lstr_t("ab").find_word("abc"), lstr_t::npos);
-    EXPECT_EQ(lstr_t("xxaBc").find_word_ic("AbC"), 2u);
-    EXPECT_EQ(lstr_t("xxaBc").find_word_ic("bcd"), lstr_t::npos);
-    EXPECT_EQ(lstr_t("abc").find_word_ic(""), lstr_t::npos);
+    // Prefix and suffix, exact and case-insensitive; a slice that begins where
+    // this begins counts as a suffix.
+    lstr_t const t("abcdef");
+    struct { lstr_t p; bool starts, ends, starts_ic, ends_ic; } const affixes[] = {
+        {"abc", 1, 0, 1, 0}, {"def", 0, 1, 0, 1}, {"", 1, 1, 1, 1}, {"abcdef", 1, 1, 1, 1}, {"abd", 0, 0, 0, 0},
+        {"abcdefg", 0, 0, 0, 0}, {"xabcdef", 0, 0, 0, 0}, {lstr_t(t.ptr(), 2), 1, 1, 1, 1}, {"ABC", 0, 0, 1, 0},
+        {"DeF", 0, 0, 0, 1}, {"DeX", 0, 0, 0, 0}};
+    for (auto const& a : affixes) {
+        EXPECT_EQ(t.starts(a.p), a.starts) << S(a.p);
+        EXPECT_EQ(t.ends(a.p), a.ends) << S(a.p);
+        EXPECT_EQ(t.starts_ic(a.p), a.starts_ic) << S(a.p);
+        EXPECT_EQ(t.ends_ic(a.p), a.ends_ic) << S(a.p);
+    }
 }
 
-TEST(LstrTest, PrefixAndSuffix) {
-    lstr_t const s("abcdef");
-    EXPECT_TRUE(s.starts("abc"));
-    EXPECT_FALSE(s.starts("abd"));
-    EXPECT_FALSE(s.starts("abcdefg"));
-    EXPECT_TRUE(s.starts(""));
-    EXPECT_TRUE(s.ends("def"));
-    EXPECT_FALSE(s.ends("abc"));
-    EXPECT_FALSE(s.ends("xabcdef"));
-    EXPECT_TRUE(s.ends(""));
-    // A slice that begins where this begins counts as a suffix.
-    EXPECT_TRUE(s.ends(lstr_t(s.ptr(), 2)));
-    EXPECT_TRUE(s.ends_ic(lstr_t(s.ptr(), 2)));
-    EXPECT_TRUE(s.starts_ic("ABC"));
-    EXPECT_TRUE(s.ends_ic("DeF"));
-    EXPECT_FALSE(s.ends_ic("DeX"));
-}
-
+// Both comparisons on unsigned bytes; the case-insensitive one compares upper
+// forms, so '[' (0x5b) sorts after 'A' but before 'a'.
 TEST(LstrTest, Comparison) {
-    EXPECT_EQ(lstr_t("ab").cmp("abc"), -1);
-    EXPECT_EQ(lstr_t("abc").cmp("ab"), 1);
-    EXPECT_EQ(lstr_t("abc").cmp("abc"), 0);
-    EXPECT_EQ(lstr_t("abd").cmp("abcz"), 1);
-    EXPECT_EQ(lstr_t().cmp(""), 0);
-    EXPECT_EQ(lstr_t("\xc8").cmp("\x64"), 1);            // 200 after 100
-    EXPECT_EQ(lstr_t("\x64").ic_cmp("\xc8"), -1);
-    EXPECT_EQ(L("a\0b").cmp(L("a\0c")), -1);
-    EXPECT_TRUE(lstr_t("ab").lt("abc"));
-    EXPECT_FALSE(lstr_t("abc").lt("abc"));
-    EXPECT_TRUE(lstr_t("ABC").ic_eq("abc"));
-    EXPECT_FALSE(lstr_t("ABC").eq("abc"));
-    EXPECT_FALSE(lstr_t("ab").ic_eq("abc"));
-    EXPECT_EQ(lstr_t("ABD").ic_cmp("abc"), 1);
-    EXPECT_EQ(lstr_t("AB").ic_cmp("abc"), -1);
-    EXPECT_TRUE(lstr_t("AB").ic_lt("abc"));
-    EXPECT_FALSE(lstr_t("abc").ic_lt("ABC"));
-    EXPECT_TRUE(L("a\0b") == L("a\0b"));
-    EXPECT_TRUE(lstr_t("a") != lstr_t("b"));
-    EXPECT_TRUE(lstr_t("a") < lstr_t("b"));
-    // '[' (0x5b) sorts after 'A' but before 'a': comparing upper forms.
-    EXPECT_EQ(lstr_t("[").ic_cmp("a"), 1);
-
-    EXPECT_EQ(lstr_t::strcasecmp("Hello", "hELLO"), 0);
-    EXPECT_EQ(lstr_t::strcasecmp("abc", "abd"), -1);
-    EXPECT_EQ(lstr_t::strcasecmp("ab", "abc"), -1);
-    EXPECT_EQ(lstr_t::strcasecmp("abc", "ab"), 1);
-    EXPECT_EQ(lstr_t::strcasecmp("", ""), 0);
-    EXPECT_EQ(lstr_t::strcasecmp("\xc8", "d"), 1);
-    EXPECT_EQ(lstr_t::strncasecmp("abX", "ABy", 2), 0);
-    EXPECT_EQ(lstr_t::strncasecmp("abX", "ABy", 3), -1);
-    EXPECT_EQ(lstr_t::strncasecmp("a", "b", 0), 0);
-    EXPECT_EQ(lstr_t::strncasecmp("ab", "abc", 5), -1);
-    EXPECT_EQ(lstr_t::strncasecmp("ab", "AB", 5), 0);
+    struct { lstr_t a, b; int cmp, ic; } const pairs[] = {
+        {"ab", "abc", -1, -1}, {"abc", "ab", 1, 1}, {"abc", "abc", 0, 0}, {"abd", "abcz", 1, 1}, {lstr_t(), "", 0, 0},
+        {"\xc8", "\x64", 1, 1}, {L("a\0b"), L("a\0c"), -1, -1}, {L("a\0b"), L("a\0b"), 0, 0}, {"ABC", "abc", -1, 0},
+        {"ABD", "abc", -1, 1}, {"AB", "abc", -1, -1}, {"a", "b", -1, -1}, {"[", "a", -1, 1}};
+    for (auto const& p : pairs) {
+        SCOPED_TRACE(S(p.a) + " vs " + S(p.b));
+        EXPECT_EQ(p.a.cmp(p.b), p.cmp);
+        EXPECT_EQ(p.a.ic_cmp(p.b), p.ic);
+        EXPECT_EQ(p.a.lt(p.b), p.cmp < 0);
+        EXPECT_EQ(p.a.eq(p.b), p.cmp == 0);
+        EXPECT_EQ(p.a.ic_lt(p.b), p.ic < 0);
+        EXPECT_EQ(p.a.ic_eq(p.b), p.ic == 0);
+    }
+    struct { char const *a, *b; unsigned long n; int want; } const cstrings[] = {
+        {"Hello", "hELLO", ~0UL, 0}, {"abc", "abd", ~0UL, -1}, {"ab", "abc", ~0UL, -1}, {"abc", "ab", ~0UL, 1},
+        {"", "", ~0UL, 0}, {"\xc8", "d", ~0UL, 1}, {"abX", "ABy", 2, 0}, {"abX", "ABy", 3, -1}, {"a", "b", 0, 0},
+        {"ab", "abc", 5, -1}, {"ab", "AB", 5, 0}};
+    for (auto const& c : cstrings)
+        EXPECT_EQ(c.n == ~0UL ? lstr_t::strcasecmp(c.a, c.b) : lstr_t::strncasecmp(c.a, c.b, c.n), c.want)
+            << c.a << " " << c.b << " " << c.n;
 }
 
-TEST(LstrTest, Trimming) {
-    lstr_t s("xxaxx");
-    EXPECT_EQ(S(s.drop('x')), "axx");
-    EXPECT_EQ(S(s.r_drop('x')), "a");
-    lstr_t t(",;a;b,;");
-    EXPECT_EQ(S(t.drop(",;").r_drop(";,")), "a;b");
-    lstr_t all("xxx");
-    EXPECT_TRUE(all.drop('x').empty());
-    EXPECT_EQ(S(lstr_t(" \r\n\t\fa b\f\t\n\r ").trim()), "a b");
-    EXPECT_EQ(S(lstr_t("\va\v").trim()), "\va\v");       // vertical tab is not a separator
-    EXPECT_TRUE(lstr_t(" \t ").trim().empty());
-    EXPECT_EQ(S(lstr_t::default_separators), " \r\n\t\f");
-}
-
-TEST(LstrTest, WordByCountAndChar) {
+// Each row cuts from text once per character of modes ('s' strict, 'n' not),
+// and gives the tokens and then what is left, "|"-separated.
+TEST(LstrTest, Cutting) {
+    struct { cut_t cut; lstr_t text, arg; char const* modes; char const* want; } const cases[] = {
+        {by_char, "a,", ",", "s", "a|"}, {r_by_char, "a.", ".", "s", "|a"},  // strict: a final separator still cuts
+        {by_char, "a,,b", ",", "nnnn", "a||b||"}, {by_char, "abc", ",", "snn", "|abc||"},
+        {r_by_char, "a.b.c", ".", "n", "c|a.b"}, {r_by_char, "abc", ".", "sn", "|abc|"},
+        {by_set, " a b", " ", "nnn", "|a|b|"}, {by_set, "abc", " ", "s", "|abc"},
+        {by_set, "abc \t ", " \t", "s", "|abc"},  // trailing separators dropped
+        {by_set, "abc \t def", " \t", "s", "abc|def"}, {by_set, "abc  ", " ", "n", "abc|"},
+        {by_set, "   ", " ", "s", "|"}, {by_set, "a\xff\xfe" "b", "\xfe\xff", "n", "a|b"},  // bytes >= 128 separate
+        {r_by_set, "a  b,c", " ,", "nss", "c|b||a"}, {r_by_set, "  b", " ", "s", "|b"},  // separators reach the start
+        {r_by_set, "  b", " ", "n", "b|"}, {r_by_set, "a b ", " ", "n", "|a b"},
+        {by_eol, "line1\r\n\r\nline2", "", "ssn", "line1||line2|"}, {by_eol, "a\tb\n", "", "n", "a\tb|"},
+        {by_eol, "\n\nx\n\r", "", "ns", "||x"},  // a leading ending gives one empty line
+        {by_sep, "a::b::c", "::", "n", "a|b::c"}, {r_by_sep, "a::b::c", "::", "n", "c|a::b"},
+        {by_sep, "abc", "::", "sn", "|abc|"}, {r_by_sep, "abc", "::", "s", "|abc"},
+        {r_by_sep, "abc", "abcd", "n", "abc|"},  // separator longer than the slice
+        {by_sep, "abc", "", "s", "abc|"}, {r_by_sep, "abc", "", "s", "abc|"},  // an empty separator takes all
+        {by_sep, "a::", "::", "s", "a|"}, {r_by_sep, "aaa", "aa", "n", "|a"},  // the last occurrence starts at 1
+        {by_sep_ic, "oneANDtwoandthree", "and", "s", "one|twoandthree"},
+        {r_by_sep_ic, "oneANDtwoandthree", "AnD", "s", "three|oneANDtwo"},
+        {by_sep_ic, "oneANDtwo", "xyz", "s", "|oneANDtwo"}, {r_by_sep_ic, "oneANDtwo", "xyz", "sn", "|oneANDtwo|"}};
+    for (auto const& c : cases) {
+        lstr_t s = c.text;
+        std::string got;
+        for (char const* m = c.modes; *m != '\0'; ++m) got += S(c.cut(s, c.arg, *m == 's')) + "|";
+        EXPECT_EQ(got + S(s), c.want) << S(c.text) << " by " << S(c.arg) << " " << c.modes;
+    }
     lstr_t s("abcdef");
     EXPECT_EQ(S(s.word(2ul)), "ab");
     EXPECT_EQ(S(s.word(10ul)), "cdef");
     EXPECT_TRUE(s.empty());
-
-    lstr_t c("a,,b");
-    EXPECT_EQ(S(c.word(',', false)), "a");
-    EXPECT_EQ(S(c.word(',', false)), "");
-    EXPECT_EQ(S(c.word(',', false)), "b");
-    EXPECT_TRUE(c.empty());
-    lstr_t e("a,");
-    EXPECT_EQ(S(e.word(',', true)), "a");                // strict still cuts before a final c
-    EXPECT_TRUE(e.empty());
-    lstr_t n("abc");
-    EXPECT_TRUE(n.word(',', true).empty());
-    EXPECT_EQ(S(n), "abc");
-    EXPECT_EQ(S(n.word(',', false)), "abc");
-    EXPECT_TRUE(n.empty());
-    EXPECT_TRUE(n.word(',', false).empty());
-
-    lstr_t r("a.b.c");
-    EXPECT_EQ(S(r.r_word('.', false)), "c");
-    EXPECT_EQ(S(r), "a.b");
-    lstr_t r2("a.");
-    EXPECT_EQ(S(r2.r_word('.', true)), "");
-    EXPECT_EQ(S(r2), "a");
-    lstr_t r3("abc");
-    EXPECT_TRUE(r3.r_word('.', true).empty());
-    EXPECT_EQ(S(r3), "abc");
-    EXPECT_EQ(S(r3.r_word('.', false)), "abc");
-    EXPECT_TRUE(r3.empty());
 }
 
-TEST(LstrTest, WordBySet) {
-    lstr_t s(" a b");
-    EXPECT_EQ(S(s.word(" ", false)), "");
-    EXPECT_EQ(S(s.word(" ", false)), "a");
-    EXPECT_EQ(S(s.word(" ", false)), "b");
-    EXPECT_TRUE(s.empty());
+TEST(LstrTest, TrimmingSkippingAndCounting) {
+    lstr_t s("xxaxx");
+    EXPECT_EQ(S(s.drop('x')), "axx");
+    EXPECT_EQ(S(s.r_drop('x')), "a");
+    EXPECT_EQ(S(lstr_t(",;a;b,;").drop(",;").r_drop(";,")), "a;b");
+    EXPECT_TRUE(lstr_t("xxx").drop('x').empty());
+    EXPECT_EQ(S(lstr_t(" \r\n\t\fa b\f\t\n\r ").trim()), "a b");
+    EXPECT_EQ(S(lstr_t("\va\v").trim()), "\va\v");  // vertical tab is not a separator
+    EXPECT_TRUE(lstr_t(" \t ").trim().empty());
+    EXPECT_EQ(S(lstr_t::default_separators), " \r\n\t\f");
 
-    lstr_t a("abc");
-    EXPECT_TRUE(a.word(" ", true).empty());
-    EXPECT_EQ(S(a), "abc");
-    lstr_t b("abc \t ");
-    EXPECT_TRUE(b.word(" \t", true).empty());
-    EXPECT_EQ(S(b), "abc");                              // trailing separators dropped
-    lstr_t c("abc \t def");
-    EXPECT_EQ(S(c.word(" \t", true)), "abc");
-    EXPECT_EQ(S(c), "def");
-    lstr_t d("abc  ");
-    EXPECT_EQ(S(d.word(" ", false)), "abc");
-    EXPECT_TRUE(d.empty());
-    lstr_t blanks("   ");
-    EXPECT_TRUE(blanks.word(" ", true).empty());
-    EXPECT_TRUE(blanks.empty());
-    lstr_t hi("a\xff\xfe" "b");                          // bytes >= 128 as separators
-    EXPECT_EQ(S(hi.word("\xfe\xff", false)), "a");
-    EXPECT_EQ(S(hi), "b");
+    lstr_t w("  a  b c");
+    EXPECT_EQ(S(w.skip_words(2, ' ')), "c");
+    EXPECT_TRUE(w.skip_words(5, ' ').empty());
+    EXPECT_EQ(S(lstr_t("a b").skip_words(0, ' ')), "a b");
 
-    lstr_t r("a  b,c");
-    EXPECT_EQ(S(r.r_word(" ,", false)), "c");
-    EXPECT_EQ(S(r), "a  b");
-    EXPECT_EQ(S(r.r_word(" ,", true)), "b");
-    EXPECT_EQ(S(r), "a");
-    EXPECT_TRUE(r.r_word(" ,", true).empty());
-    EXPECT_EQ(S(r), "a");
-    lstr_t lead("  b");
-    EXPECT_TRUE(lead.r_word(" ", true).empty());
-    EXPECT_EQ(S(lead), "b");                             // separators reach the start
-    lstr_t lead2("  b");
-    EXPECT_EQ(S(lead2.r_word(" ", false)), "b");
-    EXPECT_TRUE(lead2.empty());
-    lstr_t tail("a b ");
-    EXPECT_EQ(S(tail.r_word(" ", false)), "");
-    EXPECT_EQ(S(tail), "a b");
-}
-
-TEST(LstrTest, WordByEol) {
-    lstr_t s("line1\r\n\r\nline2");
-    EXPECT_EQ(S(s.word_by_eol(true)), "line1");
-    EXPECT_EQ(S(s), "line2");
-    EXPECT_TRUE(s.word_by_eol(true).empty());
-    EXPECT_EQ(S(s), "line2");
-    EXPECT_EQ(S(s.word_by_eol(false)), "line2");
-    EXPECT_TRUE(s.empty());
-    lstr_t t("\n\nx\n\r");
-    EXPECT_EQ(S(t.word_by_eol(false)), "");              // a leading ending gives one empty line
-    EXPECT_EQ(S(t.word_by_eol(true)), "");
-    EXPECT_EQ(S(t), "x");
-    lstr_t u("a\tb\n");
-    EXPECT_EQ(S(u.word_by_eol(false)), "a\tb");
-    EXPECT_TRUE(u.empty());
-}
-
-TEST(LstrTest, WordBySeparatorString) {
-    lstr_t s("a::b::c");
-    EXPECT_EQ(S(s.word_word("::", false)), "a");
-    EXPECT_EQ(S(s), "b::c");
-    lstr_t r("a::b::c");
-    EXPECT_EQ(S(r.r_word_word("::", false)), "c");
-    EXPECT_EQ(S(r), "a::b");
-    lstr_t n("abc");
-    EXPECT_TRUE(n.word_word("::", true).empty());
-    EXPECT_EQ(S(n), "abc");
-    EXPECT_TRUE(n.r_word_word("::", true).empty());
-    EXPECT_EQ(S(n), "abc");
-    EXPECT_EQ(S(n.word_word("::", false)), "abc");
-    EXPECT_TRUE(n.empty());
-    lstr_t m("abc");
-    EXPECT_EQ(S(m.r_word_word("abcd", false)), "abc");   // separator longer than the slice
-    EXPECT_TRUE(m.empty());
-    lstr_t e("abc");
-    EXPECT_EQ(S(e.word_word("", true)), "abc");          // an empty separator takes all
-    EXPECT_TRUE(e.empty());
-    lstr_t re("abc");
-    EXPECT_EQ(S(re.r_word_word("", true)), "abc");
-    EXPECT_TRUE(re.empty());
-    lstr_t end("a::");
-    EXPECT_EQ(S(end.word_word("::", true)), "a");
-    EXPECT_TRUE(end.empty());
-    lstr_t over("aaa");                                  // the last occurrence starts at 1
-    EXPECT_EQ(S(over.r_word_word("aa", false)), "");
-    EXPECT_EQ(S(over), "a");
-
-    lstr_t ic("oneANDtwoandthree");
-    EXPECT_EQ(S(ic.word_word_ic("and", true)), "one");
-    EXPECT_EQ(S(ic), "twoandthree");
-    lstr_t ric("oneANDtwoandthree");
-    EXPECT_EQ(S(ric.r_word_word_ic("AnD", true)), "three");
-    EXPECT_EQ(S(ric), "oneANDtwo");
-    EXPECT_TRUE(ric.word_word_ic("xyz", true).empty());
-    EXPECT_EQ(S(ric), "oneANDtwo");
-    EXPECT_TRUE(ric.r_word_word_ic("xyz", true).empty());
-    EXPECT_EQ(S(ric.r_word_word_ic("xyz", false)), "oneANDtwo");
-    EXPECT_TRUE(ric.empty());
-}
-
-TEST(LstrTest, SkipWordsAndCounting) {
-    lstr_t s("  a  b c");
-    EXPECT_EQ(S(s.skip_words(2, ' ')), "c");
-    EXPECT_TRUE(s.skip_words(5, ' ').empty());
-    lstr_t z("a b");
-    EXPECT_EQ(S(z.skip_words(0, ' ')), "a b");
-
-    EXPECT_EQ(lstr_t(" a b").words(""), 3u);
-    EXPECT_EQ(lstr_t("a b ").words(""), 2u);
-    EXPECT_EQ(lstr_t("").words(""), 0u);
-    EXPECT_EQ(lstr_t("a\r\n\t\fb").words(""), 2u);       // the default set
-    EXPECT_EQ(lstr_t("a b,c").words(","), 2u);
+    struct { lstr_t text, sep; unsigned long n; } const counts[] = {  // "": the default set
+        {" a b", "", 3}, {"a b ", "", 2}, {"", "", 0}, {"a\r\n\t\fb", "", 2}, {"a b,c", ",", 2}};
+    for (auto const& c : counts) EXPECT_EQ(c.text.words(c.sep), c.n) << S(c.text);
     std::vector<lstr_t> out{lstr_t("kept")};
     EXPECT_EQ(lstr_t(",x,,y").words(out, ","), 3u);
     std::vector<std::string> got;
     for (lstr_t const& w : out) got.push_back(S(w));
-    EXPECT_THAT(got, ElementsAre("kept", "", "x", "y"));
-}
-
-TEST(LstrTest, Hashing) {
-    EXPECT_EQ(lstr_t("ab").calc_hash32(), 3105u);
-    EXPECT_EQ(lstr_t("ab").calc_hash64(), 3105u);
-    EXPECT_EQ(lstr_t("").calc_hash32(), 0u);
-    EXPECT_EQ(lstr_t("").calc_hash64(), 0u);
-    EXPECT_EQ(lstr_t("\xff").calc_hash32(), 255u);       // unsigned bytes
-    std::string const text(40, '\xfe');
-    q_uint32_t h32 = 0xfe;
-    q_uint64_t h64 = 0xfe;
-    for (std::size_t i = 1; i < text.size(); ++i) {
-        h32 = h32 * 31u + 0xfeu;
-        h64 = h64 * 31u + 0xfeu;
-    }
-    EXPECT_EQ(lstr_t(text).calc_hash32(), h32);
-    EXPECT_EQ(lstr_t(text).calc_hash64(), h64);
-    EXPECT_NE(q_uint64_t(lstr_t(text).calc_hash32()), lstr_t(text).calc_hash64());  // both wrapped
+    EXPECT_THAT(got, testing::ElementsAre("kept", "", "x", "y"));
 }
 
 TEST(LstrTest, CaseTablesAndMapping) {
     // The test runs in the C locale (or a UTF-8 one): single bytes >= 128
     // are not characters there, so only ASCII letters change.
     for (unsigned v = 0; v < 256; ++v) {
-        unsigned char const up = (v >= 'a' && v <= 'z') ? v - 32 : v;
-        unsigned char const lo = (v >= 'A' && v <= 'Z') ? v + 32 : v;
-        EXPECT_EQ(lstr_t::upcase[v], up) << v;
-        EXPECT_EQ(lstr_t::locase[v], lo) << v;
+        EXPECT_EQ(lstr_t::upcase[v], v >= 'a' && v <= 'z' ? v - 32 : v) << v;
+        EXPECT_EQ(lstr_t::locase[v], v >= 'A' && v <= 'Z' ? v + 32 : v) << v;
     }
     EXPECT_EQ(upper_string_uc("abc\xc3\xa9"), "ABC\xc3\x89");
     EXPECT_EQ(upper_string_uc("stra\xc3\x9f" "e"), "STRASSE");
