@@ -1138,6 +1138,14 @@ int rename_retry(std::string const& from, std::string const& to) {
     return rc;
 }
 
+int unlink_retry(std::string const& name) {
+    int rc;
+    do {
+        rc = ::unlink(name.c_str());
+    } while (rc == -1 && errno == EINTR);
+    return rc;
+}
+
 // close(2) is never retried: Linux frees the descriptor also when it reports
 // EINTR, and a second close could hit a descriptor that another thread has
 // just been given.
@@ -1192,7 +1200,8 @@ private:
 
 // Compresses from into to and removes from. On a failure message becomes
 // the report, the partial to is removed and from stays, so that the rotated
-// lines are never lost nor left only in a truncated .gz.
+// lines are never lost nor left only in a truncated .gz. The thread that
+// runs this blocks every signal, so zlib's own writes see no EINTR.
 void compress_file(std::string const& from, std::string const& to, std::string& message) {
     fd_holder_t in(open_retry(from.c_str(), O_RDONLY | O_NOCTTY, 0));
     if (in.get() == -1) {
@@ -1217,7 +1226,7 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
         file_logger_impl_t::prepare(message, if_logger_t::INFO,
                                     "[Logger] Unable to create compressed file \"%s\" because of %s", to.c_str(),
                                     error.c_str());
-        ::unlink(to.c_str());
+        unlink_retry(to);
         return;
     }
     stream_fd.release();
@@ -1236,7 +1245,7 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
                 "[Logger] File \"%s\" written partially because of unable to read file \"%s\" because of %s",
                 to.c_str(), from.c_str(), get_last_error(saved).c_str());
             gzclose(gz.release());
-            ::unlink(to.c_str());
+            unlink_retry(to);
             return;
         }
         for (ssize_t put = 0; put < got;) {
@@ -1248,7 +1257,7 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
                                             "[Logger] Unable to write into file \"%s\" because of %s", to.c_str(),
                                             error.c_str());
                 gzclose(gz.release());
-                ::unlink(to.c_str());
+                unlink_retry(to);
                 return;
             }
             put += n;
@@ -1268,12 +1277,12 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
         file_logger_impl_t::prepare(message, if_logger_t::INFO,
                                     "[Logger] Unable to write into file \"%s\" because of %s", to.c_str(),
                                     error.c_str());
-        ::unlink(to.c_str());
+        unlink_retry(to);
         return;
     }
     close_once(out.release());
     close_once(in.release());
-    if (::unlink(from.c_str()) == -1) {
+    if (unlink_retry(from) == -1) {
         error_saver_t const saved;
         file_logger_impl_t::prepare(message, if_logger_t::INFO, "[Logger] Unable to remove file \"%s\" because of %s",
                                     from.c_str(), get_last_error(saved).c_str());
