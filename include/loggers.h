@@ -83,6 +83,9 @@
 //    the comma or after the unit, is refused like an unknown unit. Numbers
 //    whose limit does not fit 64 bits are refused too.
 //  - Weekly periods end on Mondays at local midnight.
+//  - A clock set back holds up neither the once-a-second check nor the
+//    retries: a waiting time further ahead than it is ever set counts as
+//    passed.
 //  - The compression thread is listed in the thread registry as "logzip".
 #ifndef QVLKERN_LOGGERS_H
 #define QVLKERN_LOGGERS_H

@@ -1004,6 +1004,13 @@ constexpr size_t k_pack_block = 16384;
 // The logger's own clock needs no more than a few milliseconds of
 // precision (a check once a second, rotation at period ends), and every
 // line reads it: the coarse clock costs a fifth of the precise one.
+// True when now has reached a time that was set span ahead, or when that
+// time lies further ahead than span: the clock was set back, and waiting
+// for it would suspend the checks for as long as the step.
+bool reached(timestamp_t now, timestamp_t gate, q_int64_t span) {
+    return now >= gate || gate.value - now.value > span;
+}
+
 timestamp_t coarse_now() {
     struct timespec ts;
     clock_gettime(CLOCK_REALTIME_COARSE, &ts);
@@ -1393,7 +1400,7 @@ void file_logger_impl_t::renew_zone(timestamp_t now) {
 
 bool file_logger_impl_t::open(bool recreate, std::string* failures) {
     timestamp_t const now = clock();
-    if (recreate && now < next_reopen_) {
+    if (recreate && !reached(now, next_reopen_, k_minute)) {
         errno = open_errno_;
         return false;
     }
@@ -1465,7 +1472,7 @@ void file_logger_impl_t::write_own(std::string const& text) {
 }
 
 bool file_logger_impl_t::rotation_due(timestamp_t now) const {
-    if (fd_ == -1 || now < next_rotation_try_) return false;
+    if (fd_ == -1 || !reached(now, next_rotation_try_, k_minute)) return false;
     if (time_limit_ > 0) return local_ticks(now) >= next_rotation_;
     return size_limit_ >= 0 && current_size_ >= 0 && current_size_ >= size_limit_;
 }
@@ -1485,7 +1492,7 @@ size_t file_logger_impl_t::write(char const* text) {
     }
     reopen_failure_reported_ = false;
     timestamp_t const now = clock();
-    if (now >= next_check_) {
+    if (reached(now, next_check_, k_second)) {
         next_check_ = now + timegap_t(k_second);
         renew_zone(now);
         check_file();

@@ -469,6 +469,13 @@ TEST(FileLoggerRecovery, RemovedFileRecreatedWithinASecond) {
     lines = split_lines(read_file(name));
     ASSERT_EQ(lines.size(), 3u);
     EXPECT_EQ(body(lines[2]), "four");
+    // The clock set back an hour does not suspend the check for an hour.
+    ASSERT_EQ(std::remove(name.c_str()), 0);
+    g_now -= 3600 * k_tps;
+    l->log_INFO("five");
+    lines = split_lines(read_file(name));
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(body(lines[2]), "five");
 }
 
 TEST(FileLoggerRecovery, UnwritableDirectoryReportsOnce) {
