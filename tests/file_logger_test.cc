@@ -35,29 +35,19 @@ constexpr q_int64_t k_tps = kern::time::ticks_per_second;
 constexpr q_int64_t k_hour = 3600 * k_tps;
 
 struct temp_dir_t {
-    std::string path;
-    temp_dir_t() {
-        char name[] = "/tmp/flogXXXXXX";
-        path = mkdtemp(name);
-    }
-    ~temp_dir_t() {
-        std::error_code ec;
-        fs::remove_all(path, ec);
-    }
+    char buf[16] = "/tmp/flogXXXXXX";
+    std::string path = mkdtemp(buf);
+    ~temp_dir_t() { fs::remove_all(path); }
     std::string operator/(char const* leaf) const { return path + "/" + leaf; }
 };
 
 std::string read_file(std::string const& name) {
-    std::ifstream in(name, std::ios::binary);
     std::ostringstream s;
-    s << in.rdbuf();
+    s << std::ifstream(name, std::ios::binary).rdbuf();
     return s.str();
 }
 
-bool exists(std::string const& name) {
-    struct stat st;
-    return ::stat(name.c_str(), &st) == 0;
-}
+bool exists(std::string const& name) { return fs::exists(name); }
 
 // The whole content of a gzip file; false when it is not one or is cut short.
 bool gunzip(std::string const& name, std::string& out) {
@@ -108,10 +98,7 @@ struct log_guard_t {
 struct record_logger_t : if_logger_t {
     record_logger_t() : if_logger_t(INFO) {}
     bool is_stderr() const override { return false; }
-    size_t write(char const* t) override {
-        lines.push_back(t);
-        return std::strlen(t);
-    }
+    size_t write(char const* t) override { return lines.push_back(t), std::strlen(t); }
     std::vector<std::string> lines;
 };
 
@@ -134,18 +121,10 @@ q_int64_t local_at(int year, int month, int day, int hour, int minute, int secon
 }
 
 struct zone_guard_t {
-    std::string saved;
-    bool had;
-    zone_guard_t() : had(std::getenv("TZ") != nullptr) {
-        if (had) saved = std::getenv("TZ");
-        setenv("TZ", "XXX-3", 1);
-        tzset();
-    }
-    ~zone_guard_t() {
-        if (had) setenv("TZ", saved.c_str(), 1);
-        else unsetenv("TZ");
-        tzset();
-    }
+    char const* saved = std::getenv("TZ");
+    std::string text = saved ? saved : "";
+    zone_guard_t() { setenv("TZ", "XXX-3", 1), tzset(); }
+    ~zone_guard_t() { (saved ? setenv("TZ", text.c_str(), 1) : unsetenv("TZ")), tzset(); }
 };
 
 unsigned open_descriptors() {
@@ -378,67 +357,60 @@ TEST(FileLoggerRotation, ByLocalPeriodsAndFirstLineStamp) {
     std::string const rotated = name_of(name, 1, false);
 
     // Step the clock, write one line, and tell whether that rotated.
-    auto step = [&](file_logger_impl_t& l, q_int64_t at) {
-        if_logger_t::Log = &l;
+    std::unique_ptr<file_logger_impl_t> l;
+    // A new logger at a given time; a clock step and one line, answering
+    // whether that rotated.
+    auto fresh = [&](char const* spec, q_int64_t at) {
+        if_logger_t::Log = nullptr;
+        l.reset();
         g_now = at;
-        bool const before = exists(rotated);
-        if (before) std::remove(rotated.c_str());
-        l.log_INFO("at %lld", static_cast<long long>(at));
+        l.reset(new file_logger_impl_t(name.c_str(), spec, ""));
+        if_logger_t::Log = l.get();
+    };
+    auto step = [&](q_int64_t at) {
+        g_now = at;
+        std::remove(rotated.c_str());
+        l->log_INFO("at %lld", static_cast<long long>(at));
         return exists(rotated);
     };
 
     // Daily: local midnight, three hours before UTC midnight here.
-    g_now = local_at(2020, 6, 15, 10, 0, 0);
-    std::unique_ptr<file_logger_impl_t> l(new file_logger_impl_t(name.c_str(), "5p,1D", ""));
-    EXPECT_FALSE(step(*l, local_at(2020, 6, 15, 23, 59, 59) + 99 * k_tps / 100));
-    EXPECT_TRUE(step(*l, local_at(2020, 6, 16, 0, 0, 0)));
+    fresh("5p,1D", local_at(2020, 6, 15, 10, 0, 0));
+    EXPECT_FALSE(step(local_at(2020, 6, 15, 23, 59, 59) + 99 * k_tps / 100));
+    EXPECT_TRUE(step(local_at(2020, 6, 16, 0, 0, 0)));
     EXPECT_NE(read_file(rotated).find("[Logger] Logfile has grown over \"1D\" limit, rotating"), std::string::npos);
-    EXPECT_FALSE(step(*l, local_at(2020, 6, 16, 23, 0, 0)));
-    EXPECT_TRUE(step(*l, local_at(2020, 6, 18, 7, 0, 0)));  // a missed day: one rotation
-    EXPECT_FALSE(step(*l, local_at(2020, 6, 18, 8, 0, 0)));
-    l.reset();
-
+    EXPECT_FALSE(step(local_at(2020, 6, 16, 23, 0, 0)));
+    EXPECT_TRUE(step(local_at(2020, 6, 18, 7, 0, 0)));  // a missed day: one rotation
+    EXPECT_FALSE(step(local_at(2020, 6, 18, 8, 0, 0)));
     // Every two hours: on even local hours.
     std::remove(name.c_str());
-    g_now = local_at(2020, 6, 15, 10, 30, 0);
-    l.reset(new file_logger_impl_t(name.c_str(), "3p,2H", ""));
-    EXPECT_FALSE(step(*l, local_at(2020, 6, 15, 11, 59, 59)));
-    EXPECT_TRUE(step(*l, local_at(2020, 6, 15, 12, 0, 0)));
-    EXPECT_FALSE(step(*l, local_at(2020, 6, 15, 13, 59, 0)));
-    EXPECT_TRUE(step(*l, local_at(2020, 6, 15, 14, 0, 1)));
-    l.reset();
-
+    fresh("3p,2H", local_at(2020, 6, 15, 10, 30, 0));
+    EXPECT_FALSE(step(local_at(2020, 6, 15, 11, 59, 59)));
+    EXPECT_TRUE(step(local_at(2020, 6, 15, 12, 0, 0)));
+    EXPECT_FALSE(step(local_at(2020, 6, 15, 13, 59, 0)));
+    EXPECT_TRUE(step(local_at(2020, 6, 15, 14, 0, 1)));
     // Weekly: Mondays (2020-06-22) at local midnight.
     std::remove(name.c_str());
-    g_now = local_at(2020, 6, 17, 12, 0, 0);
-    l.reset(new file_logger_impl_t(name.c_str(), "3p,1W", ""));
-    EXPECT_FALSE(step(*l, local_at(2020, 6, 21, 23, 59, 59)));
-    EXPECT_TRUE(step(*l, local_at(2020, 6, 22, 0, 0, 0)));
-    l.reset();
+    fresh("3p,1W", local_at(2020, 6, 17, 12, 0, 0));
+    EXPECT_FALSE(step(local_at(2020, 6, 21, 23, 59, 59)));
+    EXPECT_TRUE(step(local_at(2020, 6, 22, 0, 0, 0)));
 
     // An existing file: the period counts from its first line's stamp when
-    // that is earlier than now.
+    // that is earlier than now; a later stamp, or none, counts from now.
     auto with_first_line = [&](char const* first) {
+        if_logger_t::Log = nullptr;
+        l.reset();
         std::ofstream(name, std::ios::trunc) << first << " inf [00001 00001] noname old\n";
+        fresh("5p,1D", local_at(2020, 6, 15, 9, 0, 0));
     };
     with_first_line("20200614.100000.00");
-    g_now = local_at(2020, 6, 15, 9, 0, 0);
-    l.reset(new file_logger_impl_t(name.c_str(), "5p,1D", ""));
-    EXPECT_TRUE(step(*l, local_at(2020, 6, 15, 9, 0, 1)));  // begun yesterday
+    EXPECT_TRUE(step(local_at(2020, 6, 15, 9, 0, 1)));  // begun yesterday
     EXPECT_NE(read_file(rotated).find("noname old\n"), std::string::npos);
-    l.reset();
-    with_first_line("20200615.080000.00");
-    l.reset(new file_logger_impl_t(name.c_str(), "5p,1D", ""));
-    EXPECT_FALSE(step(*l, local_at(2020, 6, 15, 23, 59, 59)));
-    EXPECT_TRUE(step(*l, local_at(2020, 6, 16, 0, 0, 0)));
-    l.reset();
-    for (char const* first : {"20200616.080000.00", "2020061x.080000.00", "20201315.080000.00", "short"}) {
-        with_first_line(first);  // later than now, or no stamp: from now
-        g_now = local_at(2020, 6, 15, 9, 0, 0);
-        l.reset(new file_logger_impl_t(name.c_str(), "5p,1D", ""));
-        EXPECT_FALSE(step(*l, local_at(2020, 6, 15, 23, 59, 59))) << first;
-        EXPECT_TRUE(step(*l, local_at(2020, 6, 16, 0, 0, 0))) << first;
-        l.reset();
+    for (char const* first :
+         {"20200615.080000.00", "20200616.080000.00", "2020061x.080000.00", "20201315.080000.00", "short"}) {
+        with_first_line(first);
+        EXPECT_FALSE(step(local_at(2020, 6, 15, 23, 59, 59))) << first;
+        EXPECT_TRUE(step(local_at(2020, 6, 16, 0, 0, 0))) << first;
     }
 }
 
