@@ -376,64 +376,57 @@ lstr_t lstr_t::r_word(lstr_t const& set, bool strict) noexcept {
 // Any mix of CR and LF after a line is consumed, so empty lines are skipped.
 lstr_t lstr_t::word_by_eol(bool strict) noexcept { return cut_set(*this, k_eol, strict); }
 
-lstr_t lstr_t::word_word(lstr_t const& sep, bool strict) noexcept {
-    if (len_ == 0) return lstr_t(ptr_, 0);
-    unsigned long const i = sep.len_ == 0 ? npos : find_word(sep);
-    if (i == npos) {
-        if (strict && sep.len_ != 0) return lstr_t(ptr_, 0);
-        lstr_t token(*this);
-        ptr_ += len_;
-        len_ = 0;
+// The separator-string cuts share their end-of-data rules; only the search
+// differs. i is the separator's index in s, or npos.
+namespace {
+
+lstr_t cut_front_at(lstr_t& s, unsigned long i, unsigned long sep_len, bool strict) noexcept {
+    if (i == lstr_t::npos) {
+        if (strict && sep_len != 0) return lstr_t(s.ptr(), 0);
+        lstr_t const token(s);
+        s.remove_prefix(s.length());
         return token;
     }
-    lstr_t token(ptr_, i);
-    ptr_ += i + sep.len_;
-    len_ -= i + sep.len_;
+    lstr_t const token(s.ptr(), i);
+    s.remove_prefix(i + sep_len);
     return token;
+}
+
+lstr_t cut_back_at(lstr_t& s, unsigned long i, unsigned long sep_len, bool strict) noexcept {
+    if (i == lstr_t::npos) {
+        if (strict && sep_len != 0) return lstr_t(s.ptr(), 0);
+        lstr_t const token(s);
+        s.clear();
+        return token;
+    }
+    lstr_t const token(s.ptr() + i + sep_len, s.length() - i - sep_len);
+    s.remove_suffix(s.length() - i);
+    return token;
+}
+
+}  // namespace
+
+lstr_t lstr_t::word_word(lstr_t const& sep, bool strict) noexcept {
+    if (len_ == 0) return lstr_t(ptr_, 0);
+    return cut_front_at(*this, sep.len_ == 0 ? npos : find_word(sep), sep.len_, strict);
 }
 
 lstr_t lstr_t::word_word_ic(lstr_t const& sep, bool strict) noexcept {
     if (len_ == 0) return lstr_t(ptr_, 0);
     unsigned long const i = sep.len_ == 0 ? npos : find_ic(bytes(ptr_), len_, bytes(sep.ptr_), sep.len_);
-    if (i == npos) {
-        if (strict && sep.len_ != 0) return lstr_t(ptr_, 0);
-        lstr_t token(*this);
-        ptr_ += len_;
-        len_ = 0;
-        return token;
-    }
-    lstr_t token(ptr_, i);
-    ptr_ += i + sep.len_;
-    len_ -= i + sep.len_;
-    return token;
+    return cut_front_at(*this, i, sep.len_, strict);
 }
 
 lstr_t lstr_t::r_word_word(lstr_t const& sep, bool strict) noexcept {
     if (len_ == 0) return lstr_t(ptr_, 0);
     unsigned long const i = sep.len_ == 0 ? npos : r_find_exact(bytes(ptr_), len_, bytes(sep.ptr_), sep.len_);
-    if (i == npos) {
-        if (strict && sep.len_ != 0) return lstr_t(ptr_, 0);
-        lstr_t token(*this);
-        len_ = 0;
-        return token;
-    }
-    lstr_t token(ptr_ + i + sep.len_, len_ - i - sep.len_);
-    len_ = i;
-    return token;
+    return cut_back_at(*this, i, sep.len_, strict);
 }
 
 lstr_t lstr_t::r_word_word_ic(lstr_t const& sep, bool strict) noexcept {
     if (len_ == 0) return lstr_t(ptr_, 0);
     unsigned long const i = sep.len_ == 0 ? npos : r_find_ic(bytes(ptr_), len_, bytes(sep.ptr_), sep.len_);
-    if (i == npos) {
-        if (strict && sep.len_ != 0) return lstr_t(ptr_, 0);
-        lstr_t token(*this);
-        len_ = 0;
-        return token;
-    }
-    lstr_t token(ptr_ + i + sep.len_, len_ - i - sep.len_);
-    len_ = i;
-    return token;
+    return cut_back_at(*this, i, sep.len_, strict);
 }
 
 lstr_t& lstr_t::skip_words(unsigned long k, char c) noexcept {
