@@ -457,21 +457,23 @@ public:
     static clock_fn_t clock;
 
 private:
+    // The helpers below are not exported, so that the library calls them
+    // directly (write() runs for every line).
     struct pack_job_t;
-    static void pack_main(pack_job_t* job);
+    __attribute__((visibility("hidden"))) static void pack_main(pack_job_t* job);
 
     // Local time of a UTC moment, with the zone offset cached by the checks.
     q_int64_t local_ticks(timestamp_t utc) const { return utc.value - zone_ticks_; }
-    void renew_zone(timestamp_t now);
+    __attribute__((visibility("hidden"))) void renew_zone(timestamp_t now);
     // Rotation condition of write() step 3.
-    bool rotation_due(timestamp_t now) const;
+    __attribute__((visibility("hidden"))) bool rotation_due(timestamp_t now) const;
     // fstat of the file: size, or the re-creation of a removed file.
-    void check_file();
+    __attribute__((visibility("hidden"))) void check_file();
     // Writes through the descriptor write, counting the bytes.
-    void write_own(std::string const& text);
+    __attribute__((visibility("hidden"))) void write_own(std::string const& text);
     // The descriptor's new value, set under the write mutex that the
     // compression thread's messages take.
-    void set_fd(int fd);
+    __attribute__((visibility("hidden"))) void set_fd(int fd);
 
     rwlock_t rwlock_;
     timestamp_t next_reopen_;

@@ -1499,7 +1499,7 @@ size_t file_logger_impl_t::write(char const* text) {
         if (fd_ == -1) return 0;
     }
     if (rotation_due(now)) rotate();
-    size_t const n = fd_logger_impl_t::write(text);
+    size_t const n = text ? write_fd(text, std::strlen(text)) : 0;
     if (current_size_ >= 0) current_size_ += static_cast<q_int64_t>(n);
     return n;
 }
