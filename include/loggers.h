@@ -67,9 +67,6 @@
 //  - The one-minute gate between attempts to re-create the log file applies
 //    only after a failed attempt: after a successful open, a rotation or the
 //    re-creation of a removed file proceeds at once.
-//  - When the log file cannot be renamed at rotation time it is kept and
-//    appended to, not truncated, and the rotation is tried again a minute
-//    later; with a count of 1 the file is truncated, as asked.
 //  - With compression on, the shift of kept files also moves a plain file
 //    of an index (one left by a compression that failed or was cut short by
 //    the end of the process), so that no rotated file is overwritten.
@@ -492,12 +489,10 @@ private:
     q_uint32_t count_;
     bool compress_;
     q_int64_t current_size_;
-    // Beyond the list: the errno of the last failed open, the zone offset
-    // (UTC minus local, in ticks) of the last check, and the earliest retry
-    // of a rotation whose rename failed.
+    // Beyond the list: the errno of the last failed open and the zone offset
+    // (UTC minus local, in ticks) of the last check.
     int open_errno_;
     q_int64_t zone_ticks_;
-    timestamp_t next_rotation_try_;
 };
 
 // The start-up logger's teardown and the bootstrap logger.

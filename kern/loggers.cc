@@ -1472,7 +1472,7 @@ void file_logger_impl_t::write_own(std::string const& text) {
 }
 
 bool file_logger_impl_t::rotation_due(timestamp_t now) const {
-    if (fd_ == -1 || !reached(now, next_rotation_try_, k_minute)) return false;
+    if (fd_ == -1) return false;
     if (time_limit_ > 0) return local_ticks(now) >= next_rotation_;
     return size_limit_ >= 0 && current_size_ >= 0 && current_size_ >= size_limit_;
 }
@@ -1595,14 +1595,8 @@ void file_logger_impl_t::rotate() {
                 notify_error(if_logger_error_t::rotation_failed,
                              "Unable to rename log file because of " + get_last_error(saved));
             }
-            // Re-creating the file now would throw its lines away. It is kept
-            // and written on; the rotation is tried again in a minute.
-            next_rotation_try_ = now + timegap_t(k_minute);
-            write_own(failures);
-            return;
         }
     }
-    next_rotation_try_ = timestamp_t();
     if (!open(true, &failures)) {
         error_saver_t const saved;
         reopen_failure_reported_ = true;
