@@ -300,3 +300,53 @@ TEST(Syncers, StatisticReport) {
         "[Sync] R/W Lock: " + n(rwlock::ctor - rwlock::dtor) + " existing; " + n(rwlock::ctor) + " total, " +
             n(rwlock::free) + " signals, " + n(rwlock::stake) + " s-waits, " + n(rwlock::xtake) + " x-waits"}));
 }
+
+#ifndef QVLKERN_SANITIZED
+// Every operator new of the process, library included, counted for the
+// calling thread (the sanitizers bring their own allocator, so not there).
+static thread_local long t_news = 0;
+void* operator new(std::size_t n) {
+    ++t_news;
+    if (void* p = std::malloc(n ? n : 1)) return p;
+    throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+
+// Locking, waiting and signalling never allocate, time-outs included.
+TEST(Syncers, NoAllocationOnLockWaitOrSignal) {
+    mutex_t m;
+    rwlock_t rw;
+    condvar_t cv(false);
+    event_t ev(false, false);
+    semaphore_t sem(0);
+    auto round = [&] {
+        m.xlock();
+        EXPECT_FALSE(cv.wait(m, kern::time::now() + ms(1)));
+        cv.signal();
+        m.unlock();
+        EXPECT_TRUE(m.try_xlock());
+        m.unlock();
+        rw.slock();
+        EXPECT_TRUE(rw.try_slock());
+        rw.unlock();
+        rw.unlock();
+        rw.xlock();
+        rw.unlock();
+        EXPECT_TRUE(rw.try_xlock());
+        rw.unlock();
+        ev.signal();
+        EXPECT_TRUE(ev.wait(ms(1)));
+        EXPECT_FALSE(ev.try_wait());
+        EXPECT_FALSE(ev.wait(ms(1)));
+        sem.post();
+        EXPECT_TRUE(sem.try_wait());
+        EXPECT_FALSE(sem.wait(ms(1)));
+        { xlocker_t<mutex_t> hold(m); }
+    };
+    round();  // the thread's first counts claim its counter slot
+    long const before = t_news;
+    for (int i = 0; i < 3; ++i) round();
+    EXPECT_EQ(t_news, before);
+}
+#endif
