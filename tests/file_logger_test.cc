@@ -1,10 +1,8 @@
-// Tests of the file logger: real files in a temporary directory, gzip
-// streams read back with zlib and checked with the gzip command, a private
-// tmpfs for the full-disk case, and a clock of the tests' own for periods,
-// the once-a-second check and the one-minute reopen gate.
+// Tests of the file logger: real files, gzip streams read back with zlib and
+// checked with the gzip command, a private tmpfs for the full-disk case, and
+// a clock of the tests' own for periods, checks and the reopen gate.
 #include "loggers.h"
 
-#include <dirent.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -12,6 +10,7 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -19,7 +18,6 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -27,19 +25,15 @@
 
 #include <gtest/gtest.h>
 
+#include "utilities.h"
+
 namespace {
 
 namespace fs = std::filesystem;
+using strings = std::vector<std::string>;
 
 constexpr q_int64_t k_tps = kern::time::ticks_per_second;
 constexpr q_int64_t k_hour = 3600 * k_tps;
-
-struct temp_dir_t {
-    char buf[16] = "/tmp/flogXXXXXX";
-    std::string path = mkdtemp(buf);
-    ~temp_dir_t() { fs::remove_all(path); }
-    std::string operator/(char const* leaf) const { return path + "/" + leaf; }
-};
 
 std::string read_file(std::string const& name) {
     std::ostringstream s;
@@ -49,66 +43,59 @@ std::string read_file(std::string const& name) {
 
 bool exists(std::string const& name) { return fs::exists(name); }
 
-// The whole content of a gzip file; false when it is not one or is cut short.
-bool gunzip(std::string const& name, std::string& out) {
-    std::string const raw = read_file(name);
-    if (raw.size() < 18 || raw[0] != '\x1f' || raw[1] != '\x8b') return false;
-    gzFile gz = gzopen(name.c_str(), "rb");
-    if (!gz) return false;
-    char buf[65536];
-    int n;
-    while ((n = gzread(gz, buf, sizeof buf)) > 0) out.append(buf, size_t(n));
-    return gzclose(gz) == Z_OK && n == 0;
-}
-
-bool gzip_t(std::string const& name) { return std::system(("gzip -t '" + name + "'").c_str()) == 0; }
-
-std::vector<std::string> split_lines(std::string const& s) {
-    std::vector<std::string> out;
-    size_t b = 0;
-    for (size_t e; (e = s.find('\n', b)) != std::string::npos; b = e + 1) out.push_back(s.substr(b, e - b));
-    if (b < s.size()) out.push_back(s.substr(b));
-    return out;
-}
-
-// The message after the prefix of a thread with a six-letter name (noname,
-// or logzip for the compression thread).
-std::string body(std::string const& line) {
-    size_t const p = line.find("] ");
-    return p == std::string::npos || line.size() < p + 9 ? line : line.substr(p + 9);
-}
-
 std::string name_of(std::string const& base, unsigned n, bool gz) {
     std::string out;
     file_logger_impl_t::suffix(out, base, n, gz);
     return out;
 }
 
-// Keeps the process logger and the logger clock as they were.
-struct log_guard_t {
-    if_logger_t* saved = if_logger_t::Log;
-    file_logger_impl_t::clock_fn_t clock = file_logger_impl_t::clock;
-    ~log_guard_t() {
-        if_logger_t::Log = saved;
-        file_logger_impl_t::clock = clock;
-    }
-};
+// The text of kept file n of base; when gz, read with zlib, and only when it
+// is a whole gzip stream that the gzip command finds sound too.
+std::string kept(std::string const& base, unsigned n, bool gz) {
+    std::string const name = name_of(base, n, gz), raw = read_file(name);
+    if (!gz) return raw;
+    gzFile f = raw.compare(0, 2, "\x1f\x8b") == 0 ? gzopen(name.c_str(), "rb") : nullptr;
+    std::string out;
+    char buf[65536];
+    int k = -1;
+    while (f && (k = gzread(f, buf, sizeof buf)) > 0) out.append(buf, size_t(k));
+    bool const sound = f && gzclose(f) == Z_OK && k == 0 && std::system(("gzip -t '" + name + "'").c_str()) == 0;
+    return sound ? out : "<not a sound gzip file>";
+}
 
-// Keeps what is written; base format, so prepared texts have no line end.
+// The message after the prefix of a six-letter thread name (noname, logzip).
+std::string body(std::string const& line) {
+    size_t const p = line.find("] ");
+    return p == std::string::npos || line.size() < p + 9 ? line : line.substr(p + 9);
+}
+
+strings split_lines(std::string const& s, bool bodies = false) {
+    std::istringstream in(s);
+    strings out;
+    for (std::string line; std::getline(in, line);) out.push_back(bodies ? body(line) : line);
+    return out;
+}
+
+strings file_bodies(std::string const& name) { return split_lines(read_file(name), true); }
+
+unsigned open_descriptors() { return unsigned(std::distance(fs::directory_iterator("/proc/self/fd"), {})); }
+
+// Keeps each line as its class and message: " ERR text".
 struct record_logger_t : if_logger_t {
     record_logger_t() : if_logger_t(INFO) {}
     bool is_stderr() const override { return false; }
-    size_t write(char const* t) override { return lines.push_back(t), std::strlen(t); }
-    std::vector<std::string> lines;
+    size_t write(char const* t) override {
+        return lines.push_back(std::string(t).substr(18, 5) + body(t)), std::strlen(t);
+    }
+    strings lines;
 };
 
+// Records each call as "type: text".
 struct handler_t : if_logger_error_t {
     void notify(if_logger_t*, error_type_t type, std::string const& text) override {
-        std::lock_guard<std::mutex> hold(m);
-        calls.emplace_back(type, text);
+        calls.push_back(std::to_string(int(type)) + ": " + text);
     }
-    std::mutex m;
-    std::vector<std::pair<error_type_t, std::string>> calls;
+    strings calls;
 };
 
 // The tests' clock: UTC ticks set by hand.
@@ -127,216 +114,150 @@ struct zone_guard_t {
     ~zone_guard_t() { (saved ? setenv("TZ", text.c_str(), 1) : unsetenv("TZ")), tzset(); }
 };
 
-unsigned open_descriptors() {
-    unsigned n = 0;
-    for (auto const& e : fs::directory_iterator("/proc/self/fd")) (void)e, ++n;
-    return n;
-}
+// A temporary directory, the log's name and a logger on it; the process
+// logger and the clock come back afterwards. fake sets the tests' clock.
+struct scene_t {
+    if_logger_t* saved = if_logger_t::Log;
+    file_logger_impl_t::clock_fn_t clock = file_logger_impl_t::clock;
+    char buf[16] = "/tmp/flogXXXXXX";
+    std::string dir = mkdtemp(buf), name = dir + "/agent.log";
+    std::unique_ptr<file_logger_impl_t> l;
+    explicit scene_t(bool fake = false) {
+        if (fake) file_logger_impl_t::clock = fake_now, g_now = local_at(2020, 6, 15, 10, 0, 0);
+    }
+    ~scene_t() { close(), file_logger_impl_t::clock = clock, fs::remove_all(dir); }
+    // A new logger that, as after init_logger, formats its own messages.
+    file_logger_impl_t* open(char const* spec, char const* banner = "") {
+        close();
+        l.reset(new file_logger_impl_t(name.c_str(), spec, banner));
+        return if_logger_t::Log = l.get(), l.get();
+    }
+    // Destroys the logger, which waits for its compression.
+    void close() { if_logger_t::Log = saved, l.reset(); }
+};
 
 TEST(FileLoggerNames, SuffixFailureListAndPrepare) {
-    EXPECT_EQ(name_of("agent.log", 1, false), "agent.1.log");
-    EXPECT_EQ(name_of("agent.log", 1, true), "agent.1.log.gz");
-    EXPECT_EQ(name_of("/var/log/agent", 12, false), "/var/log/agent.12");
-    EXPECT_EQ(name_of("/var/log.d/agent", 1, true), "/var/log.d/agent.1.gz");
-    EXPECT_EQ(name_of("c:\\logs.d\\agent", 2, false), "c:\\logs.d\\agent.2");
-    EXPECT_EQ(name_of("a.tar.log", 3, false), "a.tar.3.log");
-    EXPECT_EQ(name_of(".agent", 1, false), ".agent.1");
-    EXPECT_EQ(name_of("/x/.agent", 1, false), "/x/.agent.1");
-    EXPECT_EQ(name_of("/x/.agent.log", 1, false), "/x/.agent.1.log");
-    EXPECT_EQ(name_of("agent.", 1, false), "agent.1.");
-
+    struct { char const *base, *want; unsigned n; bool gz; } const names[] = {
+        {"agent.log", "agent.1.log", 1, false},       {"agent.log", "agent.1.log.gz", 1, true},
+        {"/var/log/agent", "/var/log/agent.12", 12, false}, {"/var/log.d/agent", "/var/log.d/agent.1.gz", 1, true},
+        {"c:\\logs.d\\agent", "c:\\logs.d\\agent.2", 2, false}, {"a.tar.log", "a.tar.3.log", 3, false},
+        {".agent", ".agent.1", 1, false},             {"/x/.agent", "/x/.agent.1", 1, false},
+        {"/x/.agent.log", "/x/.agent.1.log", 1, false}, {"agent.", "agent.1.", 1, false}};
+    for (auto const& c : names) EXPECT_EQ(name_of(c.base, c.n, c.gz), c.want);
     std::string list;
     file_logger_impl_t::add_failure(nullptr, "ignored");
-    file_logger_impl_t::add_failure(&list, "a");
-    file_logger_impl_t::add_failure(&list, "b");
+    for (char const* t : {"a", "b"}) file_logger_impl_t::add_failure(&list, t);
     EXPECT_EQ(list, "a\nb");
 
-    // Formatted by the process logger: the base format adds no line end.
-    log_guard_t guard;
-    record_logger_t rec;
-    if_logger_t::Log = &rec;
+    // Formatted by the process logger: no line end from the base format.
+    scene_t s;
+    if_logger_t::Log = &logger_init_t::s_simple_;
     std::string out = "old";
     file_logger_impl_t::prepare(out, 4, "[Logger] x %d", 5);
-    EXPECT_EQ(out.find('\n'), std::string::npos);
-    EXPECT_EQ(body(out), "[Logger] x 5");
-    EXPECT_EQ(out.substr(18, 5), " inf ");
-    if_logger_t* const fd = fd_logger_t::create(-1);
-    if_logger_t::Log = fd;
+    EXPECT_EQ(out.substr(18, 5) + body(out), " inf [Logger] x 5");
+    std::unique_ptr<if_logger_t> fd(fd_logger_t::create(-1));
+    if_logger_t::Log = fd.get();
     file_logger_impl_t::prepare(out, 2, "[Logger] y");
     EXPECT_EQ(body(out), "[Logger] y\n");
-    file_logger_impl_t::prepare(out, 2, "[Logger] y");  // folded by that logger
+    file_logger_impl_t::prepare(out, 2, "[Logger] y");
     EXPECT_EQ(out, "");
-    if_logger_t::Log = &rec;
-    delete fd;
 }
 
 TEST(FileLoggerSpec, GrammarTableAndInitLogger) {
-    struct row_t {
-        char const* spec;
-        q_int64_t size;
-        q_int64_t period;
-        unsigned count;
-        bool compress;
-        char const* text;
-    };
-    q_int64_t const M = 1048576, day = 24 * k_hour;
-    row_t const rows[] = {
-        {"", -1, 0, 10, true, ""},
-        {"NONE", -1, 0, 10, true, ""},
-        {"none", -1, 0, 10, true, ""},
-        {"10z", -1, 0, 10, true, ""},
-        {"3p", -1, 0, 3, false, ""},
-        {"0z,0m", 10 * M, 0, 10, true, "0m"},
-        {"3p,2k", 2048, 0, 3, false, "2k"},
-        {"3P,2K", 2048, 0, 3, false, "2K"},
-        {"10z,10m", 10 * M, 0, 10, true, "10m"},
-        {"7,5", 5 * M, 0, 7, true, "5"},
-        {"7z,", 10 * M, 0, 7, true, ""},
-        {"2z,0k", 10 * 1024, 0, 2, true, "0k"},
-        {"2z,3g", 3 * 1073741824LL, 0, 2, true, "3g"},
-        {"2z,-1m", -1, 0, 2, true, "-1m"},
-        {"5p,1D", -1, day, 5, false, "1D"},
-        {"5p,0d", -1, day, 5, false, "0d"},
-        {"5p,2H", -1, 2 * k_hour, 5, false, "2H"},
-        {"5p,1w", -1, 7 * day, 5, false, "1w"},
-        {"5p,-1H", -1, 0, 5, false, "-1H"},
-        {" 4z,1k ", 1024, 0, 4, true, "1k"},
-        {"z,1k", 1024, 0, 10, true, "1k"},
-    };
-    temp_dir_t dir;
-    std::string const name = dir / "agent.log";
-    for (row_t const& r : rows) {
-        std::unique_ptr<file_logger_impl_t> l(new file_logger_impl_t(name.c_str(), r.spec, ""));
-        EXPECT_TRUE(l->opened()) << r.spec;
-        EXPECT_EQ(l->size_limit(), r.size) << r.spec;
-        EXPECT_EQ(l->time_limit(), r.period) << r.spec;
-        EXPECT_EQ(l->count(), r.count) << r.spec;
-        EXPECT_EQ(l->compress(), r.compress) << r.spec;
-        EXPECT_EQ(l->rotation_text(), r.text) << r.spec;
-        EXPECT_EQ(l->get_level(), 4);
-        EXPECT_FALSE(l->is_stderr());
+    // spec|size limit, period in seconds, files kept, z or p, rotation text
+    char const* const rows[] = {
+        "|-1 0s 10 z ",          "NONE|-1 0s 10 z ",          "none|-1 0s 10 z ",
+        "10z|-1 0s 10 z ",       "3p|-1 0s 3 p ",             "0z,0m|10485760 0s 10 z 0m",
+        "3p,2k|2048 0s 3 p 2k",  "3P,2K|2048 0s 3 p 2K",      "10z,10m|10485760 0s 10 z 10m",
+        "7,5|5242880 0s 7 z 5",  "7z,|10485760 0s 7 z ",      "2z,0k|10240 0s 2 z 0k",
+        "2z,3g|3221225472 0s 2 z 3g",                         "2z,-1m|-1 0s 2 z -1m",
+        "5p,1D|-1 86400s 5 p 1D", "5p,0d|-1 86400s 5 p 0d",   "5p,2H|-1 7200s 5 p 2H",
+        "5p,1w|-1 604800s 5 p 1w", "5p,-1H|-1 0s 5 p -1H",    " 4z,1k |1024 0s 4 z 1k",
+        "z,1k|1024 0s 10 z 1k"};
+    scene_t s;
+    std::string got, want;
+    for (char const* row : rows) {
+        std::string const spec(row, std::strchr(row, '|'));
+        file_logger_impl_t l(s.name.c_str(), spec.c_str(), "");
+        EXPECT_TRUE(l.opened() && l.get_level() == 4 && !l.is_stderr()) << spec;
+        got += q_format("%s|%lld %llds %u %c %s\n", spec.c_str(), static_cast<long long>(l.size_limit()),
+                        static_cast<long long>(l.time_limit() / k_tps), l.count(), l.compress() ? 'z' : 'p',
+                        l.rotation_text().c_str());
+        want += row + std::string("\n");
     }
+    EXPECT_EQ(got, want);
 
     // Refused: reported through the process logger, nothing opened.
-    log_guard_t guard;
     record_logger_t rec;
     if_logger_t::Log = &rec;
-    char const* const bad[] = {"10z,5x", "10z,5mb", "10x,5m", "-1z,5m", "10z,-m", "10m", "99999999999z,1m",
-                               "1z,9999999999g", "1z,99999999999999w"};
-    std::string const never = dir / "never.log";
-    for (char const* spec : bad) {
-        rec.lines.clear();
-        std::unique_ptr<file_logger_impl_t> l(new file_logger_impl_t(never.c_str(), spec, "banner"));
-        EXPECT_FALSE(l->opened()) << spec;
-        ASSERT_EQ(rec.lines.size(), 1u) << spec;
-        EXPECT_EQ(rec.lines[0].substr(18, 5), " ERR ");
-        EXPECT_EQ(body(rec.lines[0]), "Invalid logs rotation \"" + std::string(spec) + "\"");
+    strings refused;
+    for (char const* spec : {"10z,5x", "10z,5mb", "10x,5m", "-1z,5m", "10z,-m", "10m", "99999999999z,1m",
+                             "1z,9999999999g", "1z,99999999999999w"}) {
+        EXPECT_FALSE(file_logger_impl_t((s.dir + "/never.log").c_str(), spec, "banner").opened()) << spec;
+        refused.push_back(q_format(" ERR Invalid logs rotation \"%s\"", spec));
     }
-    EXPECT_FALSE(exists(never));
+    EXPECT_EQ(rec.lines, refused);
+    EXPECT_FALSE(exists(s.dir + "/never.log"));
 
-    // init_logger with a file: the file logger becomes the process logger at
-    // the level asked, with the banner formatted by the logger it replaces.
+    // init_logger: the banner formatted by the logger that is replaced.
     if_logger_t::Log = fd_logger_t::create(-1);
-    EXPECT_TRUE(init_logger("DEBUG", name.c_str(), "3z,1k", "the banner", nullptr));
+    EXPECT_TRUE(init_logger("DEBUG", s.name.c_str(), "3z,1k", "the banner", nullptr));
     auto* fl = dynamic_cast<file_logger_impl_t*>(if_logger_t::Log);
-    ASSERT_NE(fl, nullptr);
-    EXPECT_EQ(fl->get_level(), 9);
-    EXPECT_EQ(fl->size_limit(), 1024);
+    ASSERT_TRUE(fl && fl->get_level() == 9 && fl->size_limit() == 1024);
     fl->log_DEBUG("after %s", "init");
-    std::vector<std::string> lines = split_lines(read_file(name));
-    ASSERT_GE(lines.size(), 2u);
-    EXPECT_EQ(body(lines[lines.size() - 2]), "the banner");
-    EXPECT_EQ(body(lines.back()), "after init");
-
+    EXPECT_EQ(file_bodies(s.name), (strings{"the banner", "after init"}));
     // The library's banner, and a chain with the extra logger.
     record_logger_t* extra = new record_logger_t;
-    EXPECT_TRUE(init_logger("INFO", name.c_str(), "", extra));
+    EXPECT_TRUE(init_logger("INFO", s.name.c_str(), "", extra));
     auto* chain = dynamic_cast<chain_logger_impl_t*>(if_logger_t::Log);
-    ASSERT_NE(chain, nullptr);
-    EXPECT_NE(dynamic_cast<file_logger_impl_t*>(chain->first), nullptr);
-    EXPECT_EQ(chain->second, extra);
-    EXPECT_NE(read_file(name).find("] noname [Logger] Logfile has been opened by "), std::string::npos);
-
-    // A refused specification falls back to standard error.
+    ASSERT_TRUE(chain && dynamic_cast<file_logger_impl_t*>(chain->first) && chain->second == extra);
+    EXPECT_EQ(file_bodies(s.name).at(2).substr(0, 36), "[Logger] Logfile has been opened by ");
+    // Refused: standard error, and the old logger, the extra, kept.
     if_logger_t::Log = extra;
     chain->second = nullptr;
     delete chain;
-    EXPECT_TRUE(init_logger("INFO", name.c_str(), "1z,1q", extra));
-    ASSERT_GE(extra->lines.size(), 2u);
-    EXPECT_EQ(body(extra->lines[extra->lines.size() - 2]), "Invalid logs rotation \"1z,1q\"");
-    EXPECT_EQ(body(extra->lines.back()), "Using stderr instead of \"" + name + "\"");
-    delete if_logger_t::Log;
+    EXPECT_TRUE(init_logger("INFO", s.name.c_str(), "1z,1q", extra));
+    EXPECT_EQ(extra->lines, (strings{" ERR Invalid logs rotation \"1z,1q\"",
+                                     " wrn Using stderr instead of \"" + s.name + "\""}));
+    chain = dynamic_cast<chain_logger_impl_t*>(if_logger_t::Log);
+    ASSERT_TRUE(chain && chain->second == extra);
+    delete chain;
 }
 
-// Writes 600 numbered lines through a logger rotating at 2 KiB and checks
-// the kept files: which exist, that each .gz holds exactly the bytes that
-// were rotated (the notice line last), and that the lines run on without a
-// gap from the oldest kept file to the current one.
+// 600 numbered lines rotated at 2 KiB: each kept file holds exactly the bytes
+// rotated and the notice, and the lines run on from the oldest to the current.
 void check_size_rotation(unsigned count, bool gz) {
     SCOPED_TRACE("count " + std::to_string(count) + (gz ? " compressed" : " plain"));
-    temp_dir_t dir;
-    std::string const name = dir / "agent.log";
-    std::string const spec = std::to_string(count) + (gz ? "z" : "p") + ",2k";
-    log_guard_t guard;
-    std::unique_ptr<file_logger_impl_t> l(new file_logger_impl_t(name.c_str(), spec.c_str(), ""));
-    ASSERT_TRUE(l->opened());
-    // As after init_logger: the logger's own messages are formatted (and
-    // folded when repeated) by the process logger.
-    if_logger_t::Log = l.get();
+    scene_t s;
+    file_logger_impl_t* l = s.open((std::to_string(count) + (gz ? "z" : "p") + ",2k").c_str());
     int rotations = 0;
     for (int i = 0; i < 600; ++i) {
-        std::string const before = read_file(name);
+        std::string const before = read_file(s.name);
         l->log_INFO("line %05d", i);
-        std::string const now = read_file(name);
+        std::string const now = read_file(s.name);
         if (now.size() >= before.size()) continue;
         ++rotations;
-        // The rotated file: what was there, then the notice.
         EXPECT_GE(before.size(), 2048u);
-        EXPECT_EQ(body(now), "line " + std::string(5 - std::to_string(i).size(), '0') + std::to_string(i) + "\n");
+        EXPECT_EQ(body(now), q_format("line %05d\n", i));
         if (count == 1) continue;
         l->wait_compression();
-        std::string rotated;
-        if (gz) {
-            ASSERT_TRUE(gunzip(name_of(name, 1, true), rotated));
-            EXPECT_FALSE(exists(name_of(name, 1, false)));
-        } else {
-            rotated = read_file(name_of(name, 1, false));
-            EXPECT_FALSE(exists(name_of(name, 1, true)));
-        }
+        EXPECT_FALSE(exists(name_of(s.name, 1, !gz)));
+        std::string const rotated = kept(s.name, 1, gz);
         ASSERT_EQ(rotated.compare(0, before.size(), before), 0);
         EXPECT_EQ(body(rotated.substr(before.size())), "[Logger] Logfile has grown over \"2k\" limit, rotating\n");
     }
     EXPECT_GE(rotations, 12);
-    l.reset();
+    s.close();
 
-    unsigned const kept = std::min<unsigned>(count - 1, unsigned(rotations));
-    std::vector<std::string> lines;
-    for (unsigned n = kept; n >= 1; --n) {
-        std::string text;
-        if (gz) {
-            EXPECT_TRUE(gunzip(name_of(name, n, true), text)) << n;
-            EXPECT_TRUE(gzip_t(name_of(name, n, true))) << n;
-        } else {
-            text = read_file(name_of(name, n, false));
-        }
-        EXPECT_FALSE(text.empty()) << n;
-        for (auto& s : split_lines(text)) lines.push_back(s);
-    }
-    for (auto& s : split_lines(read_file(name))) lines.push_back(s);
-    size_t files = 0;
-    for (auto const& e : fs::directory_iterator(dir.path)) (void)e, ++files;
-    EXPECT_EQ(files, kept + 1);
-    EXPECT_FALSE(exists(name_of(name, kept + 1, gz)));
-
+    unsigned const files = std::min<unsigned>(count - 1, unsigned(rotations));
+    std::string all;
+    for (unsigned n = files; n >= 1; --n) all += kept(s.name, n, gz);
+    EXPECT_EQ(size_t(std::distance(fs::directory_iterator(s.dir), {})), files + 1);
     int expect = -1;
-    for (std::string const& s : lines) {
-        std::string const b = body(s);
+    for (std::string const& b : split_lines(all + read_file(s.name), true)) {
         if (b.compare(0, 9, "[Logger] ") == 0) continue;
-        int const n = std::atoi(b.c_str() + 5);
-        if (expect >= 0) {
-            EXPECT_EQ(n, expect) << s;
-        }
-        expect = n + 1;
+        EXPECT_TRUE(expect < 0 || std::atoi(b.c_str() + 5) == expect) << b;
+        expect = std::atoi(b.c_str() + 5) + 1;
     }
     EXPECT_EQ(expect, 600);
 }
@@ -349,24 +270,13 @@ TEST(FileLoggerRotation, BySizeKeepsCountFiles) {
 }
 
 TEST(FileLoggerRotation, ByLocalPeriodsAndFirstLineStamp) {
-    log_guard_t guard;
     zone_guard_t zone;
-    file_logger_impl_t::clock = fake_now;
-    temp_dir_t dir;
-    std::string const name = dir / "agent.log";
-    std::string const rotated = name_of(name, 1, false);
-
-    // Step the clock, write one line, and tell whether that rotated.
-    std::unique_ptr<file_logger_impl_t> l;
-    // A new logger at a given time; a clock step and one line, answering
-    // whether that rotated.
-    auto fresh = [&](char const* spec, q_int64_t at) {
-        if_logger_t::Log = nullptr;
-        l.reset();
-        g_now = at;
-        l.reset(new file_logger_impl_t(name.c_str(), spec, ""));
-        if_logger_t::Log = l.get();
-    };
+    scene_t s(true);
+    std::string const rotated = name_of(s.name, 1, false);
+    file_logger_impl_t* l = nullptr;
+    // A new logger at a given time, on the file as it is.
+    auto fresh = [&](char const* spec, q_int64_t at) { g_now = at, l = s.open(spec); };
+    // A clock step and one line; answers whether that rotated.
     auto step = [&](q_int64_t at) {
         g_now = at;
         std::remove(rotated.c_str());
@@ -383,100 +293,71 @@ TEST(FileLoggerRotation, ByLocalPeriodsAndFirstLineStamp) {
     EXPECT_TRUE(step(local_at(2020, 6, 18, 7, 0, 0)));  // a missed day: one rotation
     EXPECT_FALSE(step(local_at(2020, 6, 18, 8, 0, 0)));
     // Every two hours: on even local hours.
-    std::remove(name.c_str());
+    std::remove(s.name.c_str());
     fresh("3p,2H", local_at(2020, 6, 15, 10, 30, 0));
     EXPECT_FALSE(step(local_at(2020, 6, 15, 11, 59, 59)));
     EXPECT_TRUE(step(local_at(2020, 6, 15, 12, 0, 0)));
     EXPECT_FALSE(step(local_at(2020, 6, 15, 13, 59, 0)));
     EXPECT_TRUE(step(local_at(2020, 6, 15, 14, 0, 1)));
     // Weekly: Mondays (2020-06-22) at local midnight.
-    std::remove(name.c_str());
+    std::remove(s.name.c_str());
     fresh("3p,1W", local_at(2020, 6, 17, 12, 0, 0));
     EXPECT_FALSE(step(local_at(2020, 6, 21, 23, 59, 59)));
     EXPECT_TRUE(step(local_at(2020, 6, 22, 0, 0, 0)));
 
-    // An existing file: the period counts from its first line's stamp when
-    // that is earlier than now; a later stamp, or none, counts from now.
-    auto with_first_line = [&](char const* first) {
-        if_logger_t::Log = nullptr;
-        l.reset();
-        std::ofstream(name, std::ios::trunc) << first << " inf [00001 00001] noname old\n";
+    // The period counts from the first line's stamp when it is earlier than
+    // now (begun yesterday: rotated at once), else from now.
+    for (char const* first : {"20200614.100000.00", "20200615.080000.00", "20200616.080000.00",
+                              "2020061x.080000.00", "20201315.080000.00", "short"}) {
+        std::ofstream(s.name, std::ios::trunc) << first << " inf [00001 00001] noname old\n";
         fresh("5p,1D", local_at(2020, 6, 15, 9, 0, 0));
-    };
-    with_first_line("20200614.100000.00");
-    EXPECT_TRUE(step(local_at(2020, 6, 15, 9, 0, 1)));  // begun yesterday
-    EXPECT_NE(read_file(rotated).find("noname old\n"), std::string::npos);
-    for (char const* first :
-         {"20200615.080000.00", "20200616.080000.00", "2020061x.080000.00", "20201315.080000.00", "short"}) {
-        with_first_line(first);
+        bool const yesterday = std::strncmp(first, "20200614", 8) == 0;
+        EXPECT_EQ(step(local_at(2020, 6, 15, 9, 0, 1)) && read_file(rotated).find("noname old\n") != std::string::npos,
+                  yesterday)
+            << first;
         EXPECT_FALSE(step(local_at(2020, 6, 15, 23, 59, 59))) << first;
         EXPECT_TRUE(step(local_at(2020, 6, 16, 0, 0, 0))) << first;
     }
 }
 
 TEST(FileLoggerRecovery, RemovedFileRecreatedWithinASecond) {
-    log_guard_t guard;
-    file_logger_impl_t::clock = fake_now;
-    g_now = local_at(2020, 6, 15, 10, 0, 0);
-    temp_dir_t dir;
-    std::string const name = dir / "agent.log";
-    std::unique_ptr<file_logger_impl_t> l(new file_logger_impl_t(name.c_str(), "3z,1m", "banner"));
-    if_logger_t::Log = l.get();
-    l->log_INFO("one");
-    ASSERT_EQ(std::remove(name.c_str()), 0);
-    l->log_INFO("two");  // within the second: into the removed file
-    EXPECT_FALSE(exists(name));
-    g_now += k_tps;
-    l->log_INFO("three");
-    std::vector<std::string> lines = split_lines(read_file(name));
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(body(lines[0]), "banner");
-    EXPECT_EQ(body(lines[1]), "[Logger] Log file was suddenly lost (removed outside software?) and re-created");
-    EXPECT_EQ(lines[1].substr(18, 5), " wrn ");
-    EXPECT_EQ(body(lines[2]), "three");
-    // Again right away: no minute to wait after a successful open.
-    ASSERT_EQ(std::remove(name.c_str()), 0);
-    g_now += k_tps;
-    l->log_INFO("four");
-    lines = split_lines(read_file(name));
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(body(lines[2]), "four");
-    // The clock set back an hour does not suspend the check for an hour.
-    ASSERT_EQ(std::remove(name.c_str()), 0);
-    g_now -= 3600 * k_tps;
-    l->log_INFO("five");
-    lines = split_lines(read_file(name));
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(body(lines[2]), "five");
+    scene_t s(true);
+    file_logger_impl_t* l = s.open("3z,1m", "banner");
+    // A second later; again (no minute to wait after a successful open); and
+    // with the clock set back an hour, which does not suspend the check.
+    for (q_int64_t step : {k_tps, k_tps, -3600 * k_tps}) {
+        ASSERT_EQ(std::remove(s.name.c_str()), 0);
+        l->log_INFO("within the second");  // into the removed file
+        EXPECT_FALSE(exists(s.name));
+        g_now += step;
+        std::string const after = "after " + std::to_string(step / k_tps);
+        l->log_INFO("%s", after.c_str());
+        EXPECT_EQ(file_bodies(s.name), (strings{"banner",
+                                                "[Logger] Log file was suddenly lost (removed outside software?) and "
+                                                "re-created",
+                                                after}));
+    }
+    EXPECT_EQ(split_lines(read_file(s.name)).at(1).substr(18, 5), " wrn ");
 }
 
 TEST(FileLoggerRecovery, UnwritableDirectoryReportsOnce) {
-    log_guard_t guard;
+    handler_t h;
+    scene_t s(true);
     record_logger_t rec;
     if_logger_t::Log = &rec;
-    file_logger_impl_t::clock = fake_now;
-    g_now = local_at(2020, 6, 15, 10, 0, 0);
-    temp_dir_t dir;
-    std::string const sub = dir / "sub";
-    std::string const name = sub + "/agent.log";
+    std::string const sub = s.dir + "/sub", name = sub + "/agent.log";
+    std::string const why = "because of Not a directory (errno=20)";
     std::ofstream(sub) << "a regular file where the directory should be";
-
     std::unique_ptr<file_logger_impl_t> l(new file_logger_impl_t(name.c_str(), "3z,1m", ""));
     EXPECT_FALSE(l->opened());
-    ASSERT_EQ(rec.lines.size(), 1u);
-    EXPECT_EQ(body(rec.lines[0]),
-              "[Logger] Unable to open logfile \"" + name + "\" because of Not a directory (errno=20)");
-    handler_t h;
+    EXPECT_EQ(rec.lines, strings{" ERR [Logger] Unable to open logfile \"" + name + "\" " + why});
     l->insert_handler(&h);
     for (int i = 0; i < 5; ++i) l->log_INFO("dropped %d", i);
     g_now += 61 * k_tps;  // a retry that fails again: still reported once
     l->log_INFO("dropped");
-    ASSERT_EQ(h.calls.size(), 1u);
-    EXPECT_EQ(h.calls[0].first, if_logger_error_t::write_failed);
-    EXPECT_EQ(h.calls[0].second, "unable to re-open log file because of Not a directory (errno=20)");
+    EXPECT_EQ(h.calls, strings{"0: unable to re-open log file " + why});
 
-    // The directory appears: the next attempt, a minute after the last,
-    // opens the file.
+    // The directory appears: the next attempt, a minute later, opens the file.
     std::remove(sub.c_str());
     ASSERT_EQ(mkdir(sub.c_str(), 0755), 0);
     g_now += 30 * k_tps;
@@ -488,132 +369,96 @@ TEST(FileLoggerRecovery, UnwritableDirectoryReportsOnce) {
     EXPECT_EQ(body(read_file(name)), "back\n");
 
     // Lost again, with the directory gone: reported again, once.
-    ASSERT_EQ(std::rename(sub.c_str(), (dir / "moved").c_str()), 0);
+    ASSERT_EQ(std::rename(sub.c_str(), (s.dir + "/moved").c_str()), 0);
     std::ofstream(sub) << "file";
-    std::remove((dir / "moved/agent.log").c_str());
+    std::remove((s.dir + "/moved/agent.log").c_str());
     g_now += k_tps;
     for (int i = 0; i < 3; ++i) l->log_INFO("dropped again %d", i);
-    ASSERT_EQ(h.calls.size(), 2u);
-    EXPECT_EQ(h.calls[1].second, "unable to re-open log file because of Not a directory (errno=20)");
-    l->remove_handler(&h);
+    EXPECT_EQ(h.calls, strings(2, "0: unable to re-open log file " + why));
 }
 
 TEST(FileLoggerRecovery, RenameAndCompressionFailures) {
-    log_guard_t guard;
-    file_logger_impl_t::clock = fake_now;
-    g_now = local_at(2020, 6, 15, 10, 0, 0);
-    temp_dir_t dir;
-    std::string const name = dir / "agent.log";
-    std::string const first = name_of(name, 1, false);
-
-    // The rotated name is taken by a directory: the file is re-created all
-    // the same, with the failures in it, and the failure reported once.
+    handler_t h;
+    scene_t s(true);
+    std::string const first = name_of(s.name, 1, false), packed = name_of(s.name, 1, true);
+    std::string const why = "because of Is a directory (errno=21)";
+    // The rotated name taken: the file re-created with the failures in it.
     ASSERT_EQ(mkdir(first.c_str(), 0755), 0);
     std::ofstream(first + "/x") << "x";
-    std::unique_ptr<file_logger_impl_t> l(new file_logger_impl_t(name.c_str(), "2z,1k", ""));
-    if_logger_t::Log = l.get();
-    handler_t h;
+    file_logger_impl_t* l = s.open("2z,1k");
     l->insert_handler(&h);
     int i = 0;
-    std::string const why = "because of Is a directory (errno=21)";
-    std::vector<std::string> lines;
+    // Fills the file up to its limit: the next line rotates it.
+    auto fill = [&] {
+        while (read_file(s.name).size() < 1024) l->log_INFO("line %d", i++);
+        return read_file(s.name);
+    };
     for (int round = 0; round < 2; ++round) {
-        while (read_file(name).size() < 1024) l->log_INFO("line %d", i++);
+        fill();
         l->log_INFO("line %d", i++);
-        lines = split_lines(read_file(name));
-        ASSERT_EQ(lines.size(), 4u);
-        EXPECT_EQ(body(lines[0]), "[Logger] Unable to rename \"" + name + "\" to \"" + first + "\" " + why);
-        EXPECT_EQ(lines[1], "");
-        EXPECT_EQ(body(lines[2]), "[Logger] Old log file will not be compressed because of rename operation failed");
-        EXPECT_EQ(body(lines[3]), "line " + std::to_string(i - 1));
-        ASSERT_EQ(h.calls.size(), 1u);  // once, until a rename succeeds
-        EXPECT_EQ(h.calls[0].first, if_logger_error_t::rotation_failed);
-        EXPECT_EQ(h.calls[0].second, "Unable to rename log file " + why);
+        EXPECT_EQ(file_bodies(s.name),
+                  (strings{"[Logger] Unable to rename \"" + s.name + "\" to \"" + first + "\" " + why, "",
+                           "[Logger] Old log file will not be compressed because of rename operation failed",
+                           "line " + std::to_string(i - 1)}));
+        EXPECT_EQ(h.calls, strings{"1: Unable to rename log file " + why});  // once, until a rename succeeds
     }
 
-    // Free again: the whole file, with its rotation notice, is rotated and
-    // compressed.
+    // Free again: the whole file and its notice rotated and compressed.
     fs::remove_all(first);
-    while (read_file(name).size() < 1024) l->log_INFO("line %d", i++);
-    std::string const before = read_file(name);
+    std::string const before = fill();
     l->log_INFO("rotated");
     l->wait_compression();
-    std::string text;
-    ASSERT_TRUE(gunzip(name_of(name, 1, true), text));
+    std::string const text = kept(s.name, 1, true);
     EXPECT_EQ(text.compare(0, before.size(), before), 0);
-    EXPECT_NE(text.find("[Logger] Logfile has grown over \"1k\" limit, rotating", before.size()), std::string::npos);
-    EXPECT_EQ(body(read_file(name)), "rotated\n");
+    EXPECT_EQ(body(text.substr(std::min(before.size(), text.size()))),
+              "[Logger] Logfile has grown over \"1k\" limit, rotating\n");
+    EXPECT_EQ(file_bodies(s.name), strings{"rotated"});
 
-    // The compressed name is taken: reported in the new file, plain kept.
-    std::string const packed = name_of(name, 1, true);
+    // The .gz name taken: told by the compression thread, plain file kept.
     std::remove(packed.c_str());
     ASSERT_EQ(mkdir(packed.c_str(), 0755), 0);
-    while (read_file(name).size() < 1024) l->log_INFO("line %d", i++);
+    fill();
     l->log_INFO("after");
     l->wait_compression();
-    lines = split_lines(read_file(name));
-    ASSERT_EQ(lines.size(), 2u);
-    if (body(lines[0]) != "after") std::swap(lines[0], lines[1]);  // the thread may come first
-    EXPECT_EQ(body(lines[0]), "after");
-    EXPECT_EQ(body(lines[1]), "[Logger] Unable to create file \"" + packed + "\" " + why);
-    EXPECT_NE(lines[1].find("] logzip [Logger]"), std::string::npos);
+    strings lines;  // thread name and message
+    for (std::string const& line : split_lines(read_file(s.name))) lines.push_back(line.substr(37));
+    std::sort(lines.begin(), lines.end());  // the thread's line may come first
+    EXPECT_EQ(lines, (strings{"logzip [Logger] Unable to create file \"" + packed + "\" " + why, "noname after"}));
     EXPECT_NE(read_file(first).find("noname rotated\n"), std::string::npos);
-    l->remove_handler(&h);
 }
 
-// The full-disk scenario, run in a child with a private 256 KiB tmpfs.
-// Answers 0 when it held, 77 when no tmpfs could be mounted, or the number
-// of the check that failed.
+// The full disk, in a child with a private 256 KiB tmpfs. Answers 0, 77 when
+// no tmpfs could be mounted, or the number of the check that failed.
 int full_disk_child(std::string const& mnt) {
-    if (unshare(CLONE_NEWNS) != 0) return 77;
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return 77;
-    if (mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=256k") != 0) return 77;
-    std::string const name = mnt + "/agent.log";
-    std::string const filler = mnt + "/filler";
-    file_logger_impl_t* l = new file_logger_impl_t(name.c_str(), "4z,16k", "");
-    if (!l->opened()) return 1;
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=256k") != 0)
+        return 77;
+    std::string const name = mnt + "/agent.log", filler = mnt + "/filler";
     handler_t h;
-    l->insert_handler(&h);
-    for (int k = 0; k < 2000; ++k) l->log_INFO("before full %d", k);
-    l->wait_compression();
-    {
-        // Whatever room is left goes to another file.
-        FILE* f = std::fopen(filler.c_str(), "wb");
-        if (!f) return 2;
-        std::setvbuf(f, nullptr, _IONBF, 0);
-        std::string const block(4096, 'f');
-        while (std::fwrite(block.data(), 1, block.size(), f) == block.size()) {
-        }
-        std::fclose(f);
-    }
-    for (int k = 0; k < 3000; ++k) l->log_INFO("while full %d", k);
-    if (h.calls.size() != 1 || h.calls[0].first != if_logger_error_t::write_failed ||
-        h.calls[0].second.find("No space left on device") == std::string::npos)
-        return 3;
+    file_logger_impl_t l(name.c_str(), "4z,16k", "");
+    l.insert_handler(&h);
+    for (int k = 0; k < 2000; ++k) l.log_INFO("before full %d", k);
+    l.wait_compression();
+    // Whatever room is left goes to another file.
+    std::ofstream(filler) << std::string(256 << 10, 'f');
+    for (int k = 0; k < 3000; ++k) l.log_INFO("while full %d", k);
+    if (h.calls.size() != 1 || h.calls[0].find("0: No space left on device") != 0) return 3;
     std::remove(filler.c_str());
-    for (int k = 0; k < 300; ++k) l->log_INFO("after %d", k);
-    l->wait_compression();
+    for (int k = 0; k < 300; ++k) l.log_INFO("after %d", k);
+    l.wait_compression();
     if (read_file(name).find("noname after 299\n") == std::string::npos) return 4;
-    for (auto const& e : fs::directory_iterator(mnt)) {
-        std::string const p = e.path().string();
-        std::string text;
-        if (p.size() > 3 && p.compare(p.size() - 3, 3, ".gz") == 0 && !gunzip(p, text)) return 5;
-    }
-    if (h.calls.size() != 1) return 6;
-    l->remove_handler(&h);
-    delete l;
-    return 0;
+    for (unsigned n = 1; n < 4; ++n)
+        if (exists(name_of(name, n, true)) && kept(name, n, true)[0] == '<') return 5;
+    return h.calls.size() != 1 ? 6 : 0;
 }
 
 TEST(FileLoggerRecovery, FullDirectoryReportsOnceAndResumes) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to mount a private 256 KiB tmpfs";
-    temp_dir_t dir;
+    scene_t s;
     pid_t const pid = fork();
-    ASSERT_NE(pid, -1);
-    if (pid == 0) _exit(full_disk_child(dir.path));
+    if (pid == 0) _exit(full_disk_child(s.dir));
     int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    ASSERT_TRUE(WIFEXITED(status)) << status;
+    ASSERT_TRUE(waitpid(pid, &status, 0) == pid && WIFEXITED(status)) << status;
     if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "cannot mount a private tmpfs here";
     EXPECT_EQ(WEXITSTATUS(status), 0) << "failed check number " << WEXITSTATUS(status);
 }
@@ -621,70 +466,38 @@ TEST(FileLoggerRecovery, FullDirectoryReportsOnceAndResumes) {
 // Four threads write numbered lines through one logger rotating every
 // 256 KiB with compression; every line must be found exactly once, whole.
 void lossless_under_load(int per_thread) {
-    temp_dir_t dir;
-    std::string const name = dir / "agent.log";
-    log_guard_t guard;
-    std::unique_ptr<file_logger_impl_t> l(new file_logger_impl_t(name.c_str(), "1000z,256k", ""));
-    ASSERT_TRUE(l->opened());
-    if_logger_t::Log = l.get();
+    scene_t s;
+    file_logger_impl_t* l = s.open("1000z,256k");
     int const threads = 4;
     std::vector<std::thread> writers;
     timestamp_t const began = kern::time::now();
-    for (int t = 0; t < threads; ++t) {
-        writers.emplace_back([&, t] {
+    for (int t = 0; t < threads; ++t)
+        writers.emplace_back([=] {
             for (int i = 0; i < per_thread; ++i) l->log_INFO("load %d %07d", t, i);
         });
-    }
     for (auto& w : writers) w.join();
-    l.reset();  // waits for the last compression
+    s.close();  // waits for the last compression
     double const seconds = double((kern::time::now() - began).value) / double(k_tps);
 
-    std::vector<std::vector<unsigned char>> seen(threads, std::vector<unsigned char>(size_t(per_thread)));
-    size_t gz_files = 0, bad = 0;
-    auto take = [&](std::string const& text) {
-        for (std::string const& s : split_lines(text)) {
-            std::string const b = body(s);
-            if (b.compare(0, 9, "[Logger] ") == 0) continue;
-            int t = -1, i = -1;
-            char tail = 0;
-            // stamp, " inf ", "[PPPPP TTTTT]", " ", "noname ", "load t nnnnnnn"
-            if (s.size() != 18 + 5 + 13 + 1 + 7 + 14 || s[18] != ' ' || s.compare(19, 5, "inf [") != 0 ||
-                std::sscanf(b.c_str(), "load %d %d%c", &t, &i, &tail) != 2 || t < 0 || t >= threads || i < 0 ||
-                i >= per_thread) {
-                if (++bad < 5) ADD_FAILURE() << "damaged line: " << s;
-                continue;
-            }
-            ++seen[size_t(t)][size_t(i)];
-        }
-    };
-    take(read_file(name));
-    for (auto const& e : fs::directory_iterator(dir.path)) {
-        std::string const p = e.path().string();
-        if (p == name) continue;
-        std::string text;
-        if (p.compare(p.size() - 3, 3, ".gz") == 0) {
-            ++gz_files;
-            EXPECT_TRUE(gunzip(p, text)) << p;
-            EXPECT_TRUE(gzip_t(p)) << p;
-        } else {
-            ADD_FAILURE() << "a plain file left: " << p;
-            text = read_file(p);
-        }
-        take(text);
+    std::string text = read_file(s.name);
+    unsigned gz_files = 0;
+    while (exists(name_of(s.name, gz_files + 1, true))) text += kept(s.name, ++gz_files, true);
+    EXPECT_EQ(size_t(std::distance(fs::directory_iterator(s.dir), {})), gz_files + 1) << "plain files left";
+    // Whole lines: stamp, " inf ", "[PPPPP TTTTT]", " ", "noname ", "load t nnnnnnn".
+    strings got, want;
+    for (std::string const& line : split_lines(text)) {
+        if (body(line).compare(0, 9, "[Logger] ") == 0) continue;
+        got.push_back(line.size() == 58 && line.compare(18, 6, " inf [") == 0 ? body(line) : "damaged: " + line);
     }
-    size_t missing = 0, twice = 0;
-    for (auto const& v : seen) {
-        for (unsigned char c : v) {
-            missing += c == 0;
-            twice += c > 1;
-        }
-    }
-    EXPECT_EQ(missing, 0u);
-    EXPECT_EQ(twice, 0u);
-    EXPECT_EQ(bad, 0u);
+    for (int t = 0; t < threads; ++t)
+        for (int i = 0; i < per_thread; ++i) want.push_back(q_format("load %d %07d", t, i));
+    std::sort(got.begin(), got.end());
+    auto const wrong = std::mismatch(got.begin(), got.end(), want.begin(), want.end()).first;
+    EXPECT_TRUE(got == want) << got.size() << " lines for " << want.size() << "; first wrong or extra one: "
+                             << (wrong == got.end() ? "none" : *wrong);
     // 59-byte lines, 256 KiB files.
     EXPECT_GE(gz_files, size_t(threads) * size_t(per_thread) * 58 / (256 * 1024) - 1);
-    std::printf("%d lines in %.2f s (%.0f lines/s) through %zu compressed files\n", threads * per_thread, seconds,
+    std::printf("%d lines in %.2f s (%.0f lines/s) through %u compressed files\n", threads * per_thread, seconds,
                 threads * per_thread / seconds, gz_files);
 }
 
@@ -696,19 +509,13 @@ TEST(FileLoggerLoad, LosslessFullSize) {
     lossless_under_load(250000);
 }
 
-// Writers against rotations, compressions whose messages (their .gz name is
-// taken by a directory) race with the re-creation of the file, which another
-// program keeps removing. Lines are lost here by design; what must hold is
-// that nothing breaks, under the thread sanitizer too.
+// Writers, rotations, compressions reporting failures (.gz name taken) and
+// re-creations of a file that another thread keeps removing: lines are lost
+// by design; nothing may break, under the thread sanitizer too.
 TEST(FileLoggerLoad, WritersRaceRemovalsRotationsAndCompressions) {
-    log_guard_t guard;
-    file_logger_impl_t::clock = fake_now;
-    g_now = local_at(2020, 6, 15, 10, 0, 0);
-    temp_dir_t dir;
-    std::string const name = dir / "agent.log";
-    ASSERT_EQ(mkdir(name_of(name, 1, true).c_str(), 0755), 0);
-    std::unique_ptr<file_logger_impl_t> l(new file_logger_impl_t(name.c_str(), "2z,4k", "banner"));
-    if_logger_t::Log = l.get();
+    scene_t s(true);
+    ASSERT_EQ(mkdir(name_of(s.name, 1, true).c_str(), 0755), 0);
+    file_logger_impl_t* l = s.open("2z,4k", "banner");
     std::atomic<int> running{3};
     std::vector<std::thread> threads;
     for (int t = 0; t < 3; ++t) {
@@ -719,57 +526,42 @@ TEST(FileLoggerLoad, WritersRaceRemovalsRotationsAndCompressions) {
     }
     threads.emplace_back([&] {
         while (running > 0) {
-            std::remove(name.c_str());
+            std::remove(s.name.c_str());
             g_now += 61 * k_tps;  // past every check and retry gate
             std::this_thread::sleep_for(std::chrono::microseconds(500));
         }
     });
     for (auto& t : threads) t.join();
     l->log_INFO("last");
-    l.reset();
-    std::string const text = read_file(name);
-    EXPECT_NE(text.find("] noname last\n"), std::string::npos) << text;
+    s.close();
+    EXPECT_NE(read_file(s.name).find("] noname last\n"), std::string::npos);
 }
 
 TEST(FileLoggerLoad, NoDescriptorLeakAndSafeDestruction) {
-    temp_dir_t dir;
-    std::string const name = dir / "agent.log";
     unsigned const before = open_descriptors();
-    log_guard_t guard;
-    std::unique_ptr<file_logger_impl_t> l(new file_logger_impl_t(name.c_str(), "3z,1k", ""));
-    if_logger_t::Log = l.get();
-    int rotations = 0;
-    size_t last = 0;
-    for (int i = 0; rotations < 1000; ++i) {
-        l->log_INFO("a line to fill the file quickly %06d", i);
-        struct stat st;
-        ASSERT_EQ(stat(name.c_str(), &st), 0);
-        if (size_t(st.st_size) < last) ++rotations;
-        last = size_t(st.st_size);
-    }
+    scene_t s;
+    file_logger_impl_t* l = s.open("3z,1k");
+    // Writes until the file has rotated n times.
+    auto rotate = [&](int n, char const* fmt) {
+        for (size_t i = 0, last = 0, size = 0; n > 0; ++i, last = size) {
+            l->log_INFO(fmt, i, i * 7919);
+            size = size_t(fs::file_size(s.name));
+            n -= size < last;
+        }
+    };
+    rotate(1000, "a line to fill the file quickly %06zu %zu");
     l->wait_compression();
     EXPECT_EQ(open_descriptors(), before + 1);
-    l.reset();
+    s.close();
     EXPECT_EQ(open_descriptors(), before);
 
-    // Destroyed while a 4 MiB file is being compressed: the destructor
-    // waits, the .gz is whole and the plain file gone.
-    std::remove(name.c_str());
-    l.reset(new file_logger_impl_t(name.c_str(), "3z,4m", ""));
-    if_logger_t::Log = l.get();
-    last = 0;
-    for (int i = 0;; ++i) {
-        l->log_INFO("%08d the quick brown fox %d", i, i * 7919);
-        struct stat st;
-        ASSERT_EQ(stat(name.c_str(), &st), 0);
-        if (size_t(st.st_size) < last) break;
-        last = size_t(st.st_size);
-    }
-    l.reset();
-    EXPECT_FALSE(exists(name_of(name, 1, false)));
-    std::string text;
-    EXPECT_TRUE(gunzip(name_of(name, 1, true), text));
-    EXPECT_GE(text.size(), 4u << 20);
+    // Destroyed while compressing 4 MiB: it waits; the .gz whole, plain gone.
+    std::remove(s.name.c_str());
+    l = s.open("3z,4m");
+    rotate(1, "%08zu the quick brown fox %zu");
+    s.close();
+    EXPECT_FALSE(exists(name_of(s.name, 1, false)));
+    EXPECT_GE(kept(s.name, 1, true).size(), 4u << 20);
     EXPECT_EQ(open_descriptors(), before);
 }
 
