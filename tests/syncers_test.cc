@@ -304,6 +304,9 @@ TEST(Syncers, StatisticReport) {
 #ifndef QVLKERN_SANITIZED
 // Every operator new of the process, library included, counted for the
 // calling thread (the sanitizers bring their own allocator, so not there).
+// GCC sees the malloc/free pairs inlined into new/delete pairs and warns.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 static thread_local long t_news = 0;
 void* operator new(std::size_t n) {
     ++t_news;
@@ -312,6 +315,7 @@ void* operator new(std::size_t n) {
 }
 void operator delete(void* p) noexcept { std::free(p); }
 void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+#pragma GCC diagnostic pop
 
 // Locking, waiting and signalling never allocate, time-outs included.
 TEST(Syncers, NoAllocationOnLockWaitOrSignal) {
