@@ -261,7 +261,7 @@ public:
     file_logger_t() = delete;
 
     // A logger on the file name (opened at once, appending), rotated as the
-    // specification says; level INFO. The logger is returned also when the
+    // rotation text says; level INFO. The logger is returned also when the
     // file could not be opened: it tries again on later writes.
     static if_logger_t* create(char const* name, char const* rotation);
     // The same, writing the banner line at every open of the file.
@@ -394,8 +394,8 @@ public:
     ~file_logger_impl_t() override;
 
     // Sets the defaults (10 MiB, ten files, compressed, no period), takes
-    // over the strings, parses the specification and opens the file
-    // appending; an invalid specification is reported and opens nothing.
+    // over the strings, parses the rotation text and opens the file
+    // appending; an invalid rotation text is reported and opens nothing.
     void init(char const* name, char const* rotation, std::string banner);
 
     bool is_stderr() const override;
@@ -440,7 +440,7 @@ public:
 
     // True once an open has succeeded.
     bool opened() const { return opened_.load(std::memory_order_acquire); }
-    // The parsed specification: bytes (-1 none), ticks (0 none), files kept,
+    // The parsed rotation: bytes (-1 none), ticks (0 none), files kept,
     // compression, and the text after the comma.
     q_int64_t size_limit() const { return size_limit_; }
     q_int64_t time_limit() const { return time_limit_; }

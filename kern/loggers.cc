@@ -1029,17 +1029,17 @@ struct rotation_t {
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
 // Reads "<count>[zp],<number><unit>"; false for text that is none of the
-// forms (the caller refuses the specification). The numbers go through the
+// forms (the caller refuses the rotation text). The numbers go through the
 // library's strict readers, which throw on overflow.
-bool parse_rotation(lstr_t spec, rotation_t& r) {
-    spec = spec.trim();
-    if (spec.empty() || spec.ic_eq("NONE")) {
+bool parse_rotation(lstr_t text, rotation_t& r) {
+    text = text.trim();
+    if (text.empty() || text.ic_eq("NONE")) {
         r.size_limit = -1;
         return true;
     }
     try {
-        unsigned long const comma = spec.find(',');
-        lstr_t head(spec.ptr(), comma == lstr_t::npos ? spec.length() : comma);
+        unsigned long const comma = text.find(',');
+        lstr_t head(text.ptr(), comma == lstr_t::npos ? text.length() : comma);
         unsigned long digits = 0;
         while (digits < head.length() && is_digit(head[digits])) ++digits;
         q_uint32_t const count = digits ? string_to_num_strict(lstr_t(head.ptr(), digits)) : 0;
@@ -1057,7 +1057,7 @@ bool parse_rotation(lstr_t spec, rotation_t& r) {
             r.size_limit = -1;
             return true;
         }
-        lstr_t tail(spec.ptr() + comma + 1, spec.length() - comma - 1);
+        lstr_t tail(text.ptr() + comma + 1, text.length() - comma - 1);
         r.text = tail.to_string();
         unsigned long n = (!tail.empty() && (tail[0] == '-' || tail[0] == '+')) ? 1 : 0;
         unsigned long const sign = n;

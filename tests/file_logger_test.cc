@@ -127,9 +127,9 @@ struct scene_t {
     }
     ~scene_t() { close(), file_logger_impl_t::clock = clock, fs::remove_all(dir); }
     // A new logger that, as after init_logger, formats its own messages.
-    file_logger_impl_t* open(char const* spec, char const* banner = "") {
+    file_logger_impl_t* open(char const* rotation, char const* banner = "") {
         close();
-        l.reset(new file_logger_impl_t(name.c_str(), spec, banner));
+        l.reset(new file_logger_impl_t(name.c_str(), rotation, banner));
         return if_logger_t::Log = l.get(), l.get();
     }
     // Destroys the logger, which waits for its compression.
@@ -164,7 +164,7 @@ TEST(FileLoggerNames, SuffixFailureListAndPrepare) {
 }
 
 TEST(FileLoggerSpec, GrammarTableAndInitLogger) {
-    // spec|size limit, period in seconds, files kept, z or p, rotation text
+    // rotation|size limit, period in seconds, files kept, z or p, rotation text
     char const* const rows[] = {
         "|-1 0s 10 z ",          "NONE|-1 0s 10 z ",          "none|-1 0s 10 z ",
         "10z|-1 0s 10 z ",       "3p|-1 0s 3 p ",             "0z,0m|10485760 0s 10 z 0m",
@@ -177,10 +177,10 @@ TEST(FileLoggerSpec, GrammarTableAndInitLogger) {
     scene_t s;
     std::string got, want;
     for (char const* row : rows) {
-        std::string const spec(row, std::strchr(row, '|'));
-        file_logger_impl_t l(s.name.c_str(), spec.c_str(), "");
-        EXPECT_TRUE(l.opened() && l.get_level() == 4 && !l.is_stderr()) << spec;
-        got += q_format("%s|%lld %llds %u %c %s\n", spec.c_str(), static_cast<long long>(l.size_limit()),
+        std::string const rotation(row, std::strchr(row, '|'));
+        file_logger_impl_t l(s.name.c_str(), rotation.c_str(), "");
+        EXPECT_TRUE(l.opened() && l.get_level() == 4 && !l.is_stderr()) << rotation;
+        got += q_format("%s|%lld %llds %u %c %s\n", rotation.c_str(), static_cast<long long>(l.size_limit()),
                         static_cast<long long>(l.time_limit() / k_tps), l.count(), l.compress() ? 'z' : 'p',
                         l.rotation_text().c_str());
         want += row + std::string("\n");
@@ -191,10 +191,10 @@ TEST(FileLoggerSpec, GrammarTableAndInitLogger) {
     record_logger_t rec;
     if_logger_t::Log = &rec;
     strings refused;
-    for (char const* spec : {"10z,5x", "10z,5mb", "10x,5m", "-1z,5m", "10z,-m", "10m", "99999999999z,1m",
+    for (char const* rotation : {"10z,5x", "10z,5mb", "10x,5m", "-1z,5m", "10z,-m", "10m", "99999999999z,1m",
                              "1z,9999999999g", "1z,99999999999999w"}) {
-        EXPECT_FALSE(file_logger_impl_t((s.dir + "/never.log").c_str(), spec, "banner").opened()) << spec;
-        refused.push_back(q_format(" ERR Invalid logs rotation \"%s\"", spec));
+        EXPECT_FALSE(file_logger_impl_t((s.dir + "/never.log").c_str(), rotation, "banner").opened()) << rotation;
+        refused.push_back(q_format(" ERR Invalid logs rotation \"%s\"", rotation));
     }
     EXPECT_EQ(rec.lines, refused);
     EXPECT_FALSE(exists(s.dir + "/never.log"));
@@ -275,7 +275,7 @@ TEST(FileLoggerRotation, ByLocalPeriodsAndFirstLineStamp) {
     std::string const rotated = name_of(s.name, 1, false);
     file_logger_impl_t* l = nullptr;
     // A new logger at a given time, on the file as it is.
-    auto fresh = [&](char const* spec, q_int64_t at) { g_now = at, l = s.open(spec); };
+    auto fresh = [&](char const* rotation, q_int64_t at) { g_now = at, l = s.open(rotation); };
     // A clock step and one line; answers whether that rotated.
     auto step = [&](q_int64_t at) {
         g_now = at;
