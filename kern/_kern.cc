@@ -93,7 +93,7 @@ std::atomic<q_uint32_t> kern_n::runnable_t::SeqIdCnt(0);
 kern_n::runnable_list_t kern_n::runnable_t::runnables;
 mutex_t kern_n::runnable_t::runnables_guard;
 
-// (step 13 goes here)
+// (the signal-child flag goes here)
 
 // The process logger: a descriptor logger on standard error until the
 // program calls init_logger. At exit it is deleted and the process logger
@@ -117,7 +117,12 @@ kern::dynalib::cache::sh_storage_t kern::dynalib::cache::s_storage;
 timegap_t kern::dynalib::cache::s_time_to_live(static_cast<long>(env_get_number("QVLSRV_DYNALIB_TTL", 60)), 0);
 std::string kern::dynalib::cache::s_libdir;
 
-// (steps 18 to 25 go above this line)
+// (user and group guards, random seed guard, platform description, random
+// counters, system random source, UUID state and time zone, fatal-signal
+// guard and allocation counters go here. The run-time statistics mode and
+// the quotation counters are plain zero-initialised values defined beside
+// their code: they need no construction, so their place in the order is
+// only nominal.)
 
 // What runnable_t::sleep waits on; nothing signals it.
 event_t kern_runnable_sleep_event(false, false);
