@@ -468,35 +468,29 @@ std::string lstr_t::to_string() const {
     return std::string(ptr_, len_);
 }
 
-std::string lstr_t::to_lower_string() const {
-    std::string r(len_, '\0');
-    uchar const* b = bytes(ptr_);
-    for (unsigned long i = 0; i < len_; ++i) r[i] = static_cast<char>(locase[b[i]]);
+namespace {
+
+std::string mapped(uchar const* b, unsigned long n, unsigned char const* table) {
+    std::string r(n, '\0');
+    for (unsigned long i = 0; i < n; ++i) r[i] = static_cast<char>(table[b[i]]);
     return r;
 }
 
-std::string lstr_t::to_upper_string() const {
-    std::string r(len_, '\0');
-    uchar const* b = bytes(ptr_);
-    for (unsigned long i = 0; i < len_; ++i) r[i] = static_cast<char>(upcase[b[i]]);
-    return r;
-}
-
-q_uint32_t lstr_t::calc_hash32() const noexcept {
-    if (len_ == 0) return 0;
-    uchar const* b = bytes(ptr_);
-    q_uint32_t h = b[0];
-    for (unsigned long i = 1; i < len_; ++i) h = h * 31 + b[i];
+// h = first byte, then h * 31 + byte, wrapping in H; 0 for no bytes.
+template <class H>
+H hash31(uchar const* b, unsigned long n) noexcept {
+    if (n == 0) return 0;
+    H h = b[0];
+    for (unsigned long i = 1; i < n; ++i) h = h * 31 + b[i];
     return h;
 }
 
-q_uint64_t lstr_t::calc_hash64() const noexcept {
-    if (len_ == 0) return 0;
-    uchar const* b = bytes(ptr_);
-    q_uint64_t h = b[0];
-    for (unsigned long i = 1; i < len_; ++i) h = h * 31 + b[i];
-    return h;
-}
+}  // namespace
+
+std::string lstr_t::to_lower_string() const { return mapped(bytes(ptr_), len_, locase); }
+std::string lstr_t::to_upper_string() const { return mapped(bytes(ptr_), len_, upcase); }
+q_uint32_t lstr_t::calc_hash32() const noexcept { return hash31<q_uint32_t>(bytes(ptr_), len_); }
+q_uint64_t lstr_t::calc_hash64() const noexcept { return hash31<q_uint64_t>(bytes(ptr_), len_); }
 
 // Each byte is mapped as a one-byte string in the process's code page; a
 // mapping that changes the length (a multi-byte sequence, "SS" for a sharp s)
