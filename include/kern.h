@@ -18,6 +18,7 @@
 #include "syncers.h"
 #include "time-objs.h"
 #include "unicode.h"
+#include "unx-utils.h"
 #include "utilities.h"
 
 #endif  // QVLKERN_KERN_H

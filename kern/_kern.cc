@@ -29,6 +29,7 @@
 #include "runnable.h"
 #include "syncers.h"
 #include "unicode.h"
+#include "unx-utils.h"
 
 namespace {
 
@@ -117,8 +118,15 @@ kern::dynalib::cache::sh_storage_t kern::dynalib::cache::s_storage;
 timegap_t kern::dynalib::cache::s_time_to_live(static_cast<long>(env_get_number("QVLSRV_DYNALIB_TTL", 60)), 0);
 std::string kern::dynalib::cache::s_libdir;
 
-// (user and group guards, random seed guard, platform description, random
-// counters, system random source, UUID state and time zone, fatal-signal
+// Account caches: the guard of the id-to-user-name cache, its name, then the
+// same for groups. The cached ids are constants of unx-utils.cc, set at load.
+mutex_t unxs_n::unx_sec_user_guard;
+std::string unxs_n::unx_sec_user;
+mutex_t unxs_n::unx_sec_group_guard;
+std::string unxs_n::unx_sec_group;
+
+// (random seed guard, platform description, random counters, system
+// random source, UUID state and time zone, fatal-signal
 // guard and allocation counters go here. The run-time statistics mode and
 // the quotation counters are plain zero-initialised values defined beside
 // their code: they need no construction, so their place in the order is
