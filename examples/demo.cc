@@ -331,7 +331,9 @@ int main(int argc, char** argv) {
     options_t opts;
     if (!parse_command_line(argc, argv, opts)) return opts.help ? 0 : 2;
     kern::runtime::exec_time_t timer;
-    std::printf("qvlkern demo\n");
+    std::string account;
+    unx_get_user_and_group(getuid(), getgid(), account);
+    std::printf("qvlkern demo, run by %s\n", account.c_str());
     // Records copy the call-stack markers that are live at the throw.
     _q_exception_t::backtrace_enabled = true;
     parse_config();
