@@ -170,9 +170,11 @@ TEST(daemonize, detaches_with_both_flags) {
         EXPECT_EQ(std::string(buf, std::max<ssize_t>(n, 0)), c.want);
         EXPECT_GT(waitpid(-1, &status, 0), 0);  // a process of its own, ended by its own _exit
         EXPECT_EQ(status, 0);
+#ifndef __SANITIZE_THREAD__  // whose _exit flushes the standard streams itself
         std::string written = "?";
         std::getline(std::ifstream(file), written, '\0');
         EXPECT_EQ(written, "");
+#endif
     }
     prctl(PR_SET_CHILD_SUBREAPER, 0);
     unlink(file.c_str());
