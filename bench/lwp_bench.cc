@@ -31,7 +31,10 @@ void BM_lwp_start_join(benchmark::State& state) {
 }
 BENCHMARK(BM_lwp_start_join)->UseRealTime();
 
+// Listed once complete, taken out before it is destroyed.
 struct entry_t : kern_n::runnable_t {
+    entry_t() { register_in_list(); }
+    ~entry_t() override { deregister_from_list(); }
     char const* type() const override { return "bench"; }
 };
 

@@ -34,6 +34,9 @@
 //    the new reason;
 //  - a record that cannot copy the call stack for lack of memory is still
 //    made, without a stack;
+//  - the call-stack slot borrows the marker it points at (a marker lives on
+//    its thread's stack), so its key has no destructor: a thread that ends
+//    with a marker's address left in the slot frees nothing;
 //  - no log-oriented pretty-printing of caught shells is offered here:
 //    callers log what_chain() (one cause per line through split_error) or
 //    info(), and backtraces go through a printer of their choice.
@@ -119,7 +122,8 @@ public:
     static void* ealloc(std::size_t size, char const* tag);
     static void efree(void* ptr, char const* tag) noexcept;
 
-    // The thread's current point; created once at library start-up.
+    // The thread's current point, borrowed from a live marker (never freed
+    // through the slot); created once at library start-up.
     static pthread_key_t key;
 
     point_t point;

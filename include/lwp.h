@@ -22,9 +22,9 @@
 // a successful join leaves its thread's system resources behind, so join it
 // or start it detached.
 //
-// Thread safety: start may be called from any thread. join is to be called
-// from one thread at a time: two untimed joins made at once both reach the
-// POSIX join. A finished signal wakes one timed waiter; later waiters pass.
+// Thread safety: start may be called from any thread, and so may join, by
+// several threads at once: the POSIX join is made once, and every caller
+// whose wait ends after it answers true.
 //
 // Choices left open elsewhere and made here:
 //  - The job is a boost::function<void ()>; an empty one throws inside the
@@ -37,6 +37,11 @@
 //    join succeeds and the object is freed.
 //  - A job that ends its thread with pthread_exit still gets the clean-up
 //    and the finished signal.
+//  - Concurrent joins: a timed joiner woken by the finished signal (which
+//    wakes one waiter) signals it again for the next one, and one whose
+//    time-out runs out after another caller joined answers true. The POSIX
+//    join is made under a mutex of the LWP's own, so joins made at the same
+//    moment, untimed ones included, never join the thread twice.
 #ifndef QVLKERN_LWP_H
 #define QVLKERN_LWP_H
 

@@ -1,9 +1,9 @@
 // runnable.h: the registry of the process's threads.
 //
-// kern_n::runnable_t is the registry entry of one thread. Every entry is put
+// kern_n::runnable_t is the registry entry of one thread. An entry is put
 // into one process-wide list (runnable_t::runnables, in registration order)
-// and taken out again when it is destroyed; the list can be walked
-// (enum_all), printed (running_list) and summarised in the log
+// once it is complete and taken out again before it is destroyed; the list
+// can be walked (enum_all), printed (running_list) and summarised in the log
 // (show_threads). An entry also gives its thread a name, which the loggers
 // show in their line prefixes, a per-thread store of named objects, and a
 // clean-up (cleanup_all) that the thread runs as its last act. The static
@@ -11,12 +11,15 @@
 // descriptor figures for the statistics reports.
 //
 // Light-weight processes (lwp.h) are the usual entries. A thread that the
-// library did not start adopts an entry of its own for a scope:
+// library did not start adopts an entry of its own for a scope; the class
+// that completes the entry lists it last thing in its constructor and takes
+// it out first thing in its destructor:
 //
 //   struct main_entry_t : kern_n::runnable_t {
+//       main_entry_t() { set_name("main"); register_in_list(); }
+//       ~main_entry_t() override { deregister_from_list(); }
 //       char const* type() const override { return "main"; }
 //   } entry;
-//   entry.set_name("main");
 //   kern_n::runnable_t::wrap_helper_t adopt(&entry);   // logs show "main"
 //
 // Thread safety: runnables_guard serialises registration, deregistration
@@ -35,12 +38,17 @@
 //    whatever the number of live entries.
 //  - The error printer's severity 1 is the FAULT class of the loggers:
 //    registration failures go to default_print_exception at that level.
-//  - An entry whose derived parts may be seen by another thread while they
-//    are built or destroyed (type() is virtual) uses the protected
-//    constructor that does not register, calls register_in_list() at the
-//    end of its own constructor and deregister_from_list() at the start of
-//    its destructor. Light-weight processes do so; entries built with the
-//    default constructor are listed from their base constructor on.
+//  - The base constructor does not list the entry. A base cannot know when
+//    the derived parts are complete, and a walk on another thread that
+//    reached the entry before then, or once its destruction has begun, would
+//    call type() on an object whose derived part is not alive (a pure
+//    virtual call while the base is built or destroyed). So the class that
+//    completes an entry calls register_in_list() at the end of its
+//    constructor and deregister_from_list() at the start of its destructor,
+//    as light-weight processes do; the base destructor still takes out an
+//    entry left listed, so the list never points at freed memory.
+//    runnable_t(deferred_t) is the default constructor under another name,
+//    kept for the code that names it.
 //  - thread_cpu() on an entry whose ids were never set (tid 0) answers 0:
 //    its clock field does not name a thread yet.
 //  - vm_usage logs its failures at the DEBUG class, like io_usage.
@@ -124,9 +132,11 @@ private:
 
 class QVL_API runnable_t : public virtual if_root_t {
 public:
-    // Takes the next seq_id and registers the entry.
+    // Takes the next seq_id; the entry is not listed yet (see the choices
+    // above: the completing class calls register_in_list()).
     runnable_t();
-    // Deregisters the entry.
+    // Takes out an entry still listed: too late for walks, which may already
+    // have met it half-destroyed; the completing class deregisters first.
     ~runnable_t() override;
     runnable_t(runnable_t const&) = delete;
     runnable_t& operator=(runnable_t const&) = delete;
@@ -254,13 +264,11 @@ public:
 
 protected:
     struct deferred_t {};
-    // Takes the next seq_id without registering: the derived class calls
-    // register_in_list() once it is complete.
+    // The default constructor under its former name.
     explicit runnable_t(deferred_t);
 
 private:
     friend class runnable_list_t;
-    void init_fields();
 
     runnable_t* prev_;
     runnable_t* next_;

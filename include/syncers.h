@@ -44,6 +44,10 @@
 //  - mutex_t's lock and unlock are inline (count, then the POSIX call), so
 //    that a mutex_t costs about what a bare pthread mutex does.
 //  - xlocker_t<T> takes the object by reference or by pointer.
+//  - A relative time-out so long that now plus the time-out passes the last
+//    tick (about the year 2923) waits for ever, like timegap_t::infinite(),
+//    instead of wrapping into a moment long past; a deadline before 1970
+//    (a hugely negative time-out) is over at once. Neither throws.
 #ifndef QVLKERN_SYNCERS_H
 #define QVLKERN_SYNCERS_H
 

@@ -36,11 +36,6 @@ std::string exception_log_line(char const* text, char const* file, int line) {
     return q_format("%s @ %s:%d", text, file_or_unknown(file), line);
 }
 
-// The key's destructor: what the slot still holds at thread exit goes back
-// to the C library. Markers clear the slot when they are left (unwinding
-// included), so this normally sees nothing.
-void free_thread_stack(void* stack) { std::free(stack); }
-
 // Makes a record of class R, owning cause. A failed allocation must not
 // lose the cause the caller gave up; with a null reason the constructors
 // themselves cannot throw.
@@ -175,7 +170,9 @@ void default_print_exception(void* ctx, char const* text, char const* file, int 
 
 pthread_key_t qexception_initializer() {
     pthread_key_t key;
-    if (pthread_key_create(&key, free_thread_stack) != 0) {
+    // No destructor: the slot only borrows a marker that lives on its
+    // thread's stack, so there is never anything to free at thread exit.
+    if (pthread_key_create(&key, nullptr) != 0) {
         std::fputs("Unable to initialize exception engine\n", stderr);
         std::exit(1);
     }

@@ -45,6 +45,8 @@ private:
     // 0 for a detached LWP.
     pthread_t thread;
     std::atomic<bool> joined;
+    // Held across the POSIX join, so that concurrent joins make it once.
+    mutex_t join_guard;
 };
 
 // The entry is listed only once the object is complete, and taken out first
@@ -156,9 +158,15 @@ bool impl::join(timegap_t timeout) {
         return false;
     }
     if (!timeout.is_infinite()) {
-        if (!finished.wait(timeout)) return false;
-        if (joined.load()) return true;
+        bool const ended = finished.wait(timeout);
+        // The finished signal wakes one waiter: each one it wakes wakes the
+        // next, so no timed joiner sleeps on after the thread's end.
+        if (ended) finished.signal();
+        // A wait that ran out after another caller joined still answers true.
+        if (!ended || joined.load()) return joined.load();
     }
+    xlocker_t<mutex_t> hold(join_guard);
+    if (joined.load()) return true;
     int const rc = pthread_join(thread, nullptr);
     if (rc == 0) {
         joined.exchange(true);

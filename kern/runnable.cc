@@ -237,22 +237,20 @@ void runnable_list_t::unlink(runnable_t* e) noexcept {
 
 // --- entries ------------------------------------------------------------------------
 
-runnable_t::runnable_t() : name(unknown_name) {
-    init_fields();
-    register_in_list();
-}
+// Not listed here: walks would meet the entry before its derived part is
+// built (see runnable.h).
+runnable_t::runnable_t()
+    : tid(0),
+      handle(unknown_handle),
+      name(unknown_name),
+      pid(0),
+      seq_id(SeqIdCnt.fetch_add(1, std::memory_order_relaxed) + 1),
+      cpu_clock(0),
+      prev_(nullptr),
+      next_(nullptr),
+      listed_(false) {}
 
-runnable_t::runnable_t(deferred_t) : name(unknown_name) { init_fields(); }
-
-void runnable_t::init_fields() {
-    tid = 0;
-    handle = unknown_handle;
-    pid = 0;
-    seq_id = SeqIdCnt.fetch_add(1, std::memory_order_relaxed) + 1;
-    cpu_clock = 0;
-    prev_ = next_ = nullptr;
-    listed_ = false;
-}
+runnable_t::runnable_t(deferred_t) : runnable_t() {}
 
 runnable_t::~runnable_t() { deregister_from_list(); }
 

@@ -294,14 +294,32 @@ bool condvar_t::wait(mutex_t& m, timestamp_t deadline) {
         if (rc != 0) condvar_wait_failed(false, rc);
         return true;
     }
-    timespec until;
-    until.tv_sec = deadline.unixtime();
-    until.tv_nsec = static_cast<long>(deadline.getround(-8, 8) * 10);
+    // A deadline before 1970 has passed: its sub-second part would be
+    // negative, which the system refuses.
+    timespec until = {0, 0};
+    if (deadline.value >= kern::time::unix_epoch_ticks) {
+        until.tv_sec = deadline.unixtime();
+        until.tv_nsec = static_cast<long>(deadline.getround(-8, 8) * 10);
+    }
     int const rc = pthread_cond_timedwait(&c_, &m.m_, &until);
     if (rc == 0) return true;
     if (rc == ETIMEDOUT) return false;
     condvar_wait_failed(true, rc);
 }
+
+namespace {
+
+// Where a relative wait of a finite time-out ends. A time-out that takes it
+// past the last tick waits for ever: the wrapped sum would be long past.
+timestamp_t deadline_after(timegap_t timeout) noexcept {
+    q_int64_t end;
+    if (__builtin_add_overflow(kern::time::now().value, timeout.value, &end)) {
+        return timeout.value > 0 ? timestamp_t::infinite() : timestamp_t();
+    }
+    return timestamp_t(end);
+}
+
+}  // namespace
 
 // --- semaphore_t --------------------------------------------------------------------
 
@@ -334,7 +352,7 @@ bool semaphore_t::wait(timestamp_t deadline) {
 
 bool semaphore_t::wait(timegap_t timeout) {
     sd::count(sd::semaphore_take);
-    if (!timeout.is_infinite()) return wait(kern::time::now() + timeout);
+    if (!timeout.is_infinite()) return wait(deadline_after(timeout));
     hold_t hold(lock);
     while (count == 0) lock.wait();
     --count;
@@ -393,7 +411,7 @@ bool event_t::wait(timestamp_t deadline) {
 
 bool event_t::wait(timegap_t timeout) {
     sd::count(sd::event_take);
-    if (!timeout.is_infinite()) return wait(kern::time::now() + timeout);
+    if (!timeout.is_infinite()) return wait(deadline_after(timeout));
     hold_t hold(lock);
     while (!signalled) lock.wait();
     if (!manual_reset) signalled = false;

@@ -4,10 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <thread>
@@ -214,8 +215,21 @@ TEST(Callstack, MarkersAndPointChains) {
     EXPECT_THAT(lines, ElementsAre("  at first @a.cc:1", "  by (unnamed) @b.cc:2", "  by third @c.cc:3"));
     callstack_t::point_t::dtor(copy);
 
-    // The slot's destructor frees what a thread leaves in it.
-    std::thread([] { pthread_setspecific(callstack_t::key, std::malloc(64)); }).join();
+    // The slot borrows a marker on its thread's stack: a thread that ends with
+    // one left in it (capture switched off while the marker was live) frees
+    // nothing. In a child, as a wrong free ends the process.
+    pid_t const child = fork();
+    if (child == 0) {
+        _q_exception_t::backtrace_enabled = true;
+        std::thread([] {
+            callstack_t left(__FILE__, 3, "left");
+            _q_exception_t::backtrace_enabled = false;
+        }).join();
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 // Throws a family's shell with a cause and catches it as its direct base

@@ -80,6 +80,24 @@ TEST(Lwp, JoinableAndDetached) {
     EXPECT_TRUE(lwp_t::start("quick", [] {}, false)->join(timegap_t(60, 0)));  // a finite time-out the thread beats
 }
 
+// Two timed joins wait for one thread: its finished signal wakes one of them,
+// and the other, whose wait ends after that one joined, answers true too.
+TEST(Lwp, ConcurrentTimedJoinsBothAnswerTrue) {
+    namespace d = kern::syncers::detail;
+    event_t gate(false, true);
+    q_uint64_t const waits = d::condvar::take;
+    lwp_t::shared t = lwp_t::start("joined twice", [&] { gate.wait(timegap_t::infinite()); }, false);
+    bool answers[2] = {false, false};
+    std::vector<std::thread> joiners;
+    for (bool& a : answers) joiners.emplace_back([&] { a = t->join(timegap_t(30, 0)); });
+    // The job and both joiners count their condition wait under its mutex: once all three counted,
+    // all three block, and the thread cannot finish before both joiners wait.
+    ASSERT_TRUE(eventually([&] { return d::condvar::take - waits >= 3; }));
+    gate.signal();
+    for (auto& j : joiners) j.join();
+    EXPECT_TRUE(answers[0] && answers[1]);
+}
+
 struct marker_t : if_root_t {  // counts its destructions
     explicit marker_t(std::atomic<int>& c) : count(c) {}
     ~marker_t() override { ++count; }

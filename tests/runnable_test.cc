@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -20,9 +22,14 @@
 using kern_n::runnable_t;
 using namespace ::testing;
 
+// Listed once complete, taken out before it is destroyed.
 struct entry_t : runnable_t {
-    entry_t() = default;
-    explicit entry_t(std::string const& n, int p = 0, q_int64_t t = 0) { set_name(n); pid = p; tid = t; }
+    entry_t() { register_in_list(); }
+    explicit entry_t(std::string const& n, int p = 0, q_int64_t t = 0) {
+        set_name(n), pid = p, tid = t;
+        register_in_list();
+    }
+    ~entry_t() override { deregister_from_list(); }
     char const* type() const override { return "test"; }
 };
 
@@ -136,6 +143,45 @@ TEST(Runnable, RegistrationOrderAndSingleMembership) {
     EXPECT_THAT(log.lines,
                 ElementsAre(MatchesRegex("[01] noname: Removing" + failed), MatchesRegex("[01] noname: Adding" + failed)));
 #endif
+}
+
+// An entry built with the default constructor pauses, through a base built
+// after its registry base, while it is built and while it is destroyed. Walks
+// made meanwhile must not reach it: its derived part is not alive (type() is
+// still pure while it is built). In a child, as a pure virtual call aborts.
+TEST(Runnable, WalksNeverSeeHalfBuiltOrHalfDestroyedEntries) {
+    struct pause_t {
+        pause_t(event_t& r, event_t& g) : reached(r), go(g) { wait(); }
+        ~pause_t() { wait(); }
+        void wait() { reached.signal(), go.wait(timegap_t::infinite()); }
+        event_t &reached, &go;
+    };
+    struct half_t : runnable_t, pause_t {
+        half_t(event_t& r, event_t& g, std::atomic<int>& s) : pause_t(r, g), seen(s) { alive = true; }
+        ~half_t() override { alive = false; }
+        char const* type() const override { return seen += !alive, "half"; }
+        std::atomic<int>& seen;
+        std::atomic<bool> alive{false};
+    };
+    pid_t const child = fork();
+    ASSERT_LE(0, child);
+    if (child == 0) {
+        event_t reached(false, false), go(false, false);
+        std::atomic<int> seen{0};
+        std::thread builder([&] { half_t h(reached, go, seen); });
+        for (int i = 0; i < 2; ++i) {  // built, then destroyed
+            reached.wait(timegap_t::infinite());
+            std::vector<std::string> texts;
+            runnable_t::running_list(texts);
+            runnable_t::enum_all([](runnable_t const& e) { e.type(); });
+            go.signal();
+        }
+        builder.join();
+        _exit(seen == 0 ? 0 : 2);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 TEST(Runnable, PerThreadStoreAndCleanUpOrder) {

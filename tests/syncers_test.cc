@@ -217,6 +217,30 @@ TEST(Syncers, EventWakesOneWaiterPerSignal) {
     EXPECT_EQ(lost.load(), 0);
 }
 
+// A time-out that takes the deadline past the last tick waits for ever; one
+// that takes it before 1970 is over at once. Neither is an error.
+TEST(Syncers, FarTimeOutsSaturate) {
+    event_t ev(false, false);
+    semaphore_t sem(0);
+    struct { std::function<bool(timegap_t)> wait; std::function<void()> wake; } const cases[] = {
+        {[&](timegap_t t) { return ev.wait(t); }, [&] { ev.signal(); }},
+        {[&](timegap_t t) { return sem.wait(t); }, [&] { sem.post(); }},
+    };
+    for (auto const& c : cases) {
+        bool woken = true;
+        EXPECT_EQ(thrown([&] { woken = c.wait(timegap_t(INT64_MIN)); }), "(nothing thrown)");
+        EXPECT_FALSE(woken);
+        q_uint64_t const t0 = d::condvar::take;
+        std::string text;
+        std::thread waiter([&] { text = thrown([&] { woken = c.wait(timegap_t(INT64_MAX - 1)); }); });
+        // Counted under the primitive's mutex: from then on the waiter waits, or has failed.
+        ASSERT_TRUE(eventually([&] { return d::condvar::take != t0; }));
+        c.wake();
+        waiter.join();
+        EXPECT_TRUE(text == "(nothing thrown)" && woken) << text;
+    }
+}
+
 TEST(Syncers, RwlockAndHolders) {
     q_uint64_t const c0 = d::rwlock::ctor, mc0 = d::mutex::ctor, cc0 = d::condvar::ctor;
     rwlock_t rw;
