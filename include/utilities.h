@@ -116,7 +116,7 @@ QVL_API std::string elapsed_time(timegap_t const& gap);
 // elapsed_time of the time from since to now.
 QVL_API std::string elapsed_time(timestamp_t const& since);
 // Appends "DD-HH:MM:SS", or "HH:MM:SS" without whole days; the day count is
-// cut to its last two digits.
+// cut to its last two digits (100 days and 5 seconds: "00-00:00:05").
 QVL_API void format_uptime(timegap_t const& gap, std::string& out);
 // "[d-][hh:]mm:ss" of a duration in seconds. A zero hour count is left out
 // even after days (86401 seconds read "1-00:01").

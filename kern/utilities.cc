@@ -337,9 +337,12 @@ std::string elapsed_time(timestamp_t const& since) { return elapsed_time(kern::t
 void format_uptime(timegap_t const& gap, std::string& out) {
     char buf[11];
     char* p = buf;
-    int days = static_cast<int>(gap.get(3, 0) % 100);
+    // The field shows whenever there are whole days, even when their last
+    // two digits are "00" (100 days).
+    q_int64_t const days = gap.get(3, 0);
     if (days != 0) {
-        p += decimal_convertor_t<int, 2>::store0(days, p);
+        int last2 = static_cast<int>(days % 100);
+        p += decimal_convertor_t<int, 2>::store0(last2, p);
         *p++ = '-';
     }
     int h = static_cast<int>(gap.get(2, 1));

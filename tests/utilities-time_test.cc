@@ -23,7 +23,7 @@ TEST(DurationTexts, ElapsedTime) {
 TEST(DurationTexts, UptimeAndSeconds) {
     struct { timegap_t gap; char const* text; } const up[] = {
         {timegap_t(3661, 0), "up 01:01:01"}, {timegap_t(5, 0, 0, 2), "up 02-00:00:05"},
-        {timegap_t(0, 0, 0, 123), "up 23-00:00:00"}, {timegap_t(0, 0, 0, 100), "up 00:00:00"},  // days cut to "00"
+        {timegap_t(0, 0, 0, 123), "up 23-00:00:00"}, {timegap_t(5, 0, 0, 100), "up 00-00:00:05"},  // days cut to "00"
         {timegap_t(), "up 00:00:00"}};
     for (auto const& c : up) {
         std::string s = "up ";  // appended to, never cleared
