@@ -18,6 +18,10 @@
 //  - The error texts are the C library's own (strerror_r).
 //  - q_format_va lets std::bad_alloc through when its output cannot grow; it
 //    reports only a failed formatting pass in its result text.
+//  - q_format_va makes its text in a buffer of its own and then moves it
+//    into out, so that an argument may point into out
+//    (q_format(s, "%s!", s.c_str())). A failed first pass leaves what the
+//    formatter wrote, padded with NULs to 1024 characters.
 #ifndef QVLKERN_UTILITIES_H
 #define QVLKERN_UTILITIES_H
 
@@ -46,7 +50,8 @@ public:
 // one pass; longer ones are measured by the first pass and formatted again.
 // A text of exactly 1024 characters keeps 1023 of them and a NUL. A failed
 // first pass leaves out at 1024 characters; a failed second pass leaves
-// "vsnprintf failed because of <error>".
+// "vsnprintf failed because of <error>". The arguments may point into out:
+// the text is made aside first.
 QVL_API void q_format_va(std::string& out, char const* fmt, va_list ap);
 QVL_API void q_format(std::string& out, char const* fmt, ...) QVL_PRINTF(2, 3);
 // The same, returning a new string.

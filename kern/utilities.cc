@@ -32,31 +32,39 @@ inline void put_hex_lower(unsigned char b, char* out) noexcept {
 // --- formatting -----------------------------------------------------------------
 
 void q_format_va(std::string& out, char const* fmt, va_list ap) {
+    // The text is made aside and then moved into out: an argument may point
+    // into out, whose buffer a resize would free and the formatter overwrite.
     // Most texts fit in the first 1024 bytes, so one pass usually suffices.
-    out.resize(1024);
-    va_list first;
-    va_copy(first, ap);
-    int const n = std::vsnprintf(&out[0], 1024, fmt, first);
-    va_end(first);
+    char first[1024];
+    va_list copy;
+    va_copy(copy, ap);
+    int const n = std::vsnprintf(first, sizeof first, fmt, copy);
+    va_end(copy);
+    if (n < 0) {
+        // What the formatter wrote before it failed, padded with NULs.
+        out.assign(first, strnlen(first, sizeof first));
+        out.resize(sizeof first);
+        return;
+    }
     // n == 1024 is kept at 1024 characters, the last being the NUL the
     // formatter wrote in place of the text's last character.
     if (n <= 1024) {
-        if (n >= 0) out.resize(static_cast<std::size_t>(n));
+        out.assign(first, static_cast<std::size_t>(n));
         return;
     }
     auto const size = static_cast<std::size_t>(n) + 1;
-    out.resize(size);
-    va_list second;
-    va_copy(second, ap);
-    int const m = std::vsnprintf(&out[0], size, fmt, second);
-    va_end(second);
+    std::string text(size, '\0');
+    va_copy(copy, ap);
+    int const m = std::vsnprintf(&text[0], size, fmt, copy);
+    va_end(copy);
     if (m < 0) {
         error_saver_t saved;
         out = "vsnprintf failed because of ";
         out += get_last_error(saved);
         return;
     }
-    out.resize(static_cast<std::size_t>(n));
+    text.resize(static_cast<std::size_t>(n));
+    out.swap(text);
 }
 
 void q_format(std::string& out, char const* fmt, ...) {
