@@ -109,7 +109,12 @@ QVL_API unsigned int hweight(unsigned int x) noexcept;
 //  - ts_to_date gives the date day first, DD/MM/YYYY hh:mm:ss.mmm, and
 //    ts_to_readable_date year first, YYYY/MM/DD hh:mm:ss.mmm; a text shorter
 //    than 17 characters is returned as it is;
-//  - wday_to_string returns a static text.
+//  - wday_to_string returns a static text;
+//  - a negative interval (the real-time clock stepped back, a time ahead of
+//    the clock) prints a leading "-" and then its magnitude as a positive
+//    one would print, as the interval texts of time-objs.h do: elapsed_time
+//    of -1.5 s is "-01.500", format_uptime of -3661 s appends "-01:01:01",
+//    time_string of a time 61 s ahead is "-01:01".
 class timegap_t;
 class timestamp_t;
 
@@ -126,7 +131,8 @@ QVL_API void format_uptime(timegap_t const& gap, std::string& out);
 // "[d-][hh:]mm:ss" of a duration in seconds. A zero hour count is left out
 // even after days (86401 seconds read "1-00:01").
 QVL_API std::string str_time(unsigned long seconds);
-// str_time of the time elapsed from a Unix time to now.
+// str_time of the time elapsed from a Unix time to now ("-" and the time
+// to it when it is ahead).
 QVL_API std::string time_string(long unix_seconds);
 // "Monday" for 0 ... "Sunday" for 6, "Error" for anything else.
 QVL_API char const* wday_to_string(int day);
