@@ -52,6 +52,11 @@
 //    if_progress_cb_t has one, progress; their meaning is the module's.
 //  - factory_t owns its object through std::unique_ptr and offers get_env,
 //    release_env and get_error.
+//  - QVLSRV_DYNALIB_TTL saturates at the most whole seconds a timegap_t
+//    holds (92,233,720,368, about 2,922 years): a larger count would wrap
+//    into a negative time to live and drop every idle image at once. A
+//    threshold that would fall before year 1 is shown as "no time",
+//    00000000000000000.
 //  - A name lock is a mutex_t of the process-wide kind: a module whose
 //    initialiser opens another module whose name falls on the same lock
 //    needs QVLSRV_MUTEX_TYPE=recursive.

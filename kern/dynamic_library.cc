@@ -5,6 +5,7 @@
 #include <cxxabi.h>
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <boost/make_shared.hpp>
 #include <cerrno>
 #include <cstdarg>
@@ -289,7 +290,9 @@ void store(sh_impl const& lib) {
 }
 
 void flush_if_need() {
-    timestamp_t const threshold = kern::time::now() - s_time_to_live;
+    // A time to live longer than the calendar so far reaches before year 1,
+    // where stamps have no text; "no time" (tick 0) keeps every entry too.
+    timestamp_t const threshold = std::max(kern::time::now() - s_time_to_live, timestamp_t());
     // Dropped images are closed after the guard is let go: a module's
     // destructors may use the cache themselves.
     std::vector<sh_impl> dropped;
