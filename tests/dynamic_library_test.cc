@@ -269,6 +269,26 @@ TEST_F(dynalib, concurrent_opens_and_flushes) {
     for (auto& l : libs) EXPECT_FALSE(mapped(file_of(l))) << l;
 }
 
+// A module whose initialiser opens another module whose name shares its name lock: the nested load
+// goes ahead instead of waiting for the lock its own thread holds (an error with the error-checking
+// mutex kind, a hang with the normal one), takes no name lock, and leaves the next load to take its own.
+TEST_F(dynalib, nested_load_under_a_shared_name_lock) {
+    ASSERT_EQ(lstr_t("qvlplug_nested").calc_hash64() % kd::dso_lock_count,
+              lstr_t("qvlplug_multi_3").calc_hash64() % kd::dso_lock_count);
+    kd::DEBUG = true;
+    for (bool cached : {false, true}) {
+        if (cached) kc::set_enabled();
+        capture_t log(if_logger_t::DEBUG_3);
+        dynamic_library_t outer("qvlplug_nested", dir.c_str()), next("qvlplug_sig", dir.c_str());
+        EXPECT_EQ(answer(outer), 3) << cached;
+        EXPECT_TRUE(!cached || kc::s_storage->count == 3);  // the inner module stored as well
+        std::vector<std::string> locks;
+        for (auto const& line : log.take())
+            if (line.find("Locking DSO") != std::string::npos) locks.push_back(line);
+        EXPECT_THAT(locks, ElementsAre(HasSubstr("\"qvlplug_nested\""), HasSubstr("\"qvlplug_sig\""))) << cached;
+    }
+}
+
 // Records the progress reports and whether the module was mapped then.
 struct progress_t : kern_n::if_environment_t::if_progress_cb_t {
     void progress(int percent, char const* text) override {
