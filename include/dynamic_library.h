@@ -23,11 +23,12 @@
 // belongs to one thread at a time. The cache's guard (s_storage_guard)
 // protects the storage, its entries' `last` times and s_libdir; it is never
 // held while a module is opened or closed. Opening one name is serialised by
-// one of five name locks; the name lock is taken before the guard, never
-// after. An image leaves the cache only while the cache holds its last
-// reference, and only the guard hands out new references, so no module is
-// closed while a handle holds it. set_libdir belongs to configuration:
-// drop_root reads s_libdir without the guard, for messages only.
+// one of five name locks (but for a load nested in another, see below); the
+// name lock is taken before the guard, never after. An image leaves the
+// cache only while the cache holds its last reference, and only the guard
+// hands out new references, so no module is closed while a handle holds it.
+// set_libdir belongs to configuration: drop_root reads s_libdir without the
+// guard, for messages only.
 //
 // Choices left open elsewhere and made here:
 //  - get_name() of a handle without an image is a reference to one static
@@ -52,9 +53,18 @@
 //    if_progress_cb_t has one, progress; their meaning is the module's.
 //  - factory_t owns its object through std::unique_ptr and offers get_env,
 //    release_env and get_error.
-//  - A name lock is a mutex_t of the process-wide kind: a module whose
-//    initialiser opens another module whose name falls on the same lock
-//    needs QVLSRV_MUTEX_TYPE=recursive.
+//  - QVLSRV_DYNALIB_TTL saturates at the most whole seconds a timegap_t
+//    holds (92,233,720,368, about 2,922 years): a larger count would wrap
+//    into a negative time to live and drop every idle image at once. A
+//    threshold that would fall before year 1 is shown as "no time",
+//    00000000000000000.
+//  - A load nested in another on the same thread (a module's initialiser
+//    opening a module) takes no name lock: it runs under the outer load's
+//    lock and the loader's own, and waiting for a name lock there could
+//    never end, whether the lock is its own thread's (two names sharing one
+//    of the five) or another thread's that waits for the loader. Another
+//    thread opening the same inner name meanwhile may then open it too; the
+//    later store is a "Duplicate" and that handle keeps its own image.
 #ifndef QVLKERN_DYNAMIC_LIBRARY_H
 #define QVLKERN_DYNAMIC_LIBRARY_H
 

@@ -18,6 +18,10 @@
 //  - The error texts are the C library's own (strerror_r).
 //  - q_format_va lets std::bad_alloc through when its output cannot grow; it
 //    reports only a failed formatting pass in its result text.
+//  - q_format_va makes its text in a buffer of its own and then moves it
+//    into out, so that an argument may point into out
+//    (q_format(s, "%s!", s.c_str())). A failed first pass leaves what the
+//    formatter wrote, padded with NULs to 1024 characters.
 #ifndef QVLKERN_UTILITIES_H
 #define QVLKERN_UTILITIES_H
 
@@ -46,7 +50,8 @@ public:
 // one pass; longer ones are measured by the first pass and formatted again.
 // A text of exactly 1024 characters keeps 1023 of them and a NUL. A failed
 // first pass leaves out at 1024 characters; a failed second pass leaves
-// "vsnprintf failed because of <error>".
+// "vsnprintf failed because of <error>". The arguments may point into out:
+// the text is made aside first.
 QVL_API void q_format_va(std::string& out, char const* fmt, va_list ap);
 QVL_API void q_format(std::string& out, char const* fmt, ...) QVL_PRINTF(2, 3);
 // The same, returning a new string.
@@ -104,7 +109,12 @@ QVL_API unsigned int hweight(unsigned int x) noexcept;
 //  - ts_to_date gives the date day first, DD/MM/YYYY hh:mm:ss.mmm, and
 //    ts_to_readable_date year first, YYYY/MM/DD hh:mm:ss.mmm; a text shorter
 //    than 17 characters is returned as it is;
-//  - wday_to_string returns a static text.
+//  - wday_to_string returns a static text;
+//  - a negative interval (the real-time clock stepped back, a time ahead of
+//    the clock) prints a leading "-" and then its magnitude as a positive
+//    one would print, as the interval texts of time-objs.h do: elapsed_time
+//    of -1.5 s is "-01.500", format_uptime of -3661 s appends "-01:01:01",
+//    time_string of a time 61 s ahead is "-01:01".
 class timegap_t;
 class timestamp_t;
 
@@ -116,12 +126,13 @@ QVL_API std::string elapsed_time(timegap_t const& gap);
 // elapsed_time of the time from since to now.
 QVL_API std::string elapsed_time(timestamp_t const& since);
 // Appends "DD-HH:MM:SS", or "HH:MM:SS" without whole days; the day count is
-// cut to its last two digits.
+// cut to its last two digits (100 days and 5 seconds: "00-00:00:05").
 QVL_API void format_uptime(timegap_t const& gap, std::string& out);
 // "[d-][hh:]mm:ss" of a duration in seconds. A zero hour count is left out
 // even after days (86401 seconds read "1-00:01").
 QVL_API std::string str_time(unsigned long seconds);
-// str_time of the time elapsed from a Unix time to now.
+// str_time of the time elapsed from a Unix time to now ("-" and the time
+// to it when it is ahead).
 QVL_API std::string time_string(long unix_seconds);
 // "Monday" for 0 ... "Sunday" for 6, "Error" for anything else.
 QVL_API char const* wday_to_string(int day);

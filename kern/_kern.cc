@@ -16,6 +16,7 @@
 // allocation counters, sleep event, banner. A comment in parentheses keeps
 // the place of objects not written yet. No exported function may be called
 // before the last of them is built.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -111,11 +112,15 @@ kern::dynalib::sh_fast_mutex_t kern::dynalib::s_dso_locks[kern::dynalib::dso_loc
 
 // Module cache: "[DynaLib]" messages when QVLSRV_DEBUG_DYNALIB is present;
 // disabled (no storage) until set_enabled; idle time to live from
-// QVLSRV_DYNALIB_TTL, in seconds. At exit the storage goes before its guard.
+// QVLSRV_DYNALIB_TTL, in seconds, saturated at the most a time value holds
+// (a larger count would wrap below zero and drop every idle module at once).
+// At exit the storage goes before its guard.
 bool kern::dynalib::DEBUG = getenv("QVLSRV_DEBUG_DYNALIB") != nullptr;
 mutex_t kern::dynalib::cache::s_storage_guard;
 kern::dynalib::cache::sh_storage_t kern::dynalib::cache::s_storage;
-timegap_t kern::dynalib::cache::s_time_to_live(static_cast<long>(env_get_number("QVLSRV_DYNALIB_TTL", 60)), 0);
+timegap_t kern::dynalib::cache::s_time_to_live(
+    static_cast<long>(std::min<unsigned long>(env_get_number("QVLSRV_DYNALIB_TTL", 60),
+                                              INT64_MAX / kern::time::ticks_per_second)), 0);
 std::string kern::dynalib::cache::s_libdir;
 
 // Account caches: the guard of the id-to-user-name cache, its name, then the

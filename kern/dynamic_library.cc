@@ -5,6 +5,7 @@
 #include <cxxabi.h>
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <boost/make_shared.hpp>
 #include <cerrno>
 #include <cstdarg>
@@ -86,6 +87,23 @@ bool find_cached(sh_impl& lib, bool quiet) {
 }
 
 typedef char const* (*signature_fn_t)();
+
+// Set while this thread loads a module under a name lock. A module's
+// initialiser that opens another module runs inside that load, with the
+// loader's own lock held: waiting there for a name lock, be it the one this
+// thread holds or one held by a thread that waits for the loader, would
+// never end. So a nested load takes no name lock.
+thread_local bool t_loading = false;
+
+// Marks the thread as loading for the life of the scope.
+class loading_scope_t : private noncopyable_t {
+public:
+    loading_scope_t() noexcept : was_(t_loading) { t_loading = true; }
+    ~loading_scope_t() { t_loading = was_; }
+
+private:
+    bool const was_;
+};
 
 }  // namespace
 
@@ -196,7 +214,8 @@ void dynamic_library_t::init(char const* lib, char const* path) {
         // meanwhile; the image is stored before the lock goes, so that the
         // next thread finds it instead of opening the file again.
         late_locker_t<mutex_t> name_lock;
-        kd::dso_lock(lib ? lib : "", name_lock);
+        if (!t_loading) kd::dso_lock(lib ? lib : "", name_lock);
+        loading_scope_t const loading;
         if (!find_cached(image_, true)) {
             image_->load();
             kc::store(image_);
@@ -289,7 +308,9 @@ void store(sh_impl const& lib) {
 }
 
 void flush_if_need() {
-    timestamp_t const threshold = kern::time::now() - s_time_to_live;
+    // A time to live longer than the calendar so far reaches before year 1,
+    // where stamps have no text; "no time" (tick 0) keeps every entry too.
+    timestamp_t const threshold = std::max(kern::time::now() - s_time_to_live, timestamp_t());
     // Dropped images are closed after the guard is let go: a module's
     // destructors may use the cache themselves.
     std::vector<sh_impl> dropped;

@@ -32,31 +32,39 @@ inline void put_hex_lower(unsigned char b, char* out) noexcept {
 // --- formatting -----------------------------------------------------------------
 
 void q_format_va(std::string& out, char const* fmt, va_list ap) {
+    // The text is made aside and then moved into out: an argument may point
+    // into out, whose buffer a resize would free and the formatter overwrite.
     // Most texts fit in the first 1024 bytes, so one pass usually suffices.
-    out.resize(1024);
-    va_list first;
-    va_copy(first, ap);
-    int const n = std::vsnprintf(&out[0], 1024, fmt, first);
-    va_end(first);
+    char first[1024];
+    va_list copy;
+    va_copy(copy, ap);
+    int const n = std::vsnprintf(first, sizeof first, fmt, copy);
+    va_end(copy);
+    if (n < 0) {
+        // What the formatter wrote before it failed, padded with NULs.
+        out.assign(first, strnlen(first, sizeof first));
+        out.resize(sizeof first);
+        return;
+    }
     // n == 1024 is kept at 1024 characters, the last being the NUL the
     // formatter wrote in place of the text's last character.
     if (n <= 1024) {
-        if (n >= 0) out.resize(static_cast<std::size_t>(n));
+        out.assign(first, static_cast<std::size_t>(n));
         return;
     }
     auto const size = static_cast<std::size_t>(n) + 1;
-    out.resize(size);
-    va_list second;
-    va_copy(second, ap);
-    int const m = std::vsnprintf(&out[0], size, fmt, second);
-    va_end(second);
+    std::string text(size, '\0');
+    va_copy(copy, ap);
+    int const m = std::vsnprintf(&text[0], size, fmt, copy);
+    va_end(copy);
     if (m < 0) {
         error_saver_t saved;
         out = "vsnprintf failed because of ";
         out += get_last_error(saved);
         return;
     }
-    out.resize(static_cast<std::size_t>(n));
+    text.resize(static_cast<std::size_t>(n));
+    out.swap(text);
 }
 
 void q_format(std::string& out, char const* fmt, ...) {
@@ -286,6 +294,15 @@ void add_clock(long hours, long minutes, long seconds, std::string& out) {
     add_02d(seconds, out);
 }
 
+// The magnitude of gap, after appending "-" to out when gap is negative (a
+// real-time clock stepped back). The most negative gap has no positive
+// counterpart and is taken one tick short, which no text shows.
+timegap_t magnitude(timegap_t const& gap, std::string& out) {
+    if (gap.value >= 0) return gap;
+    out += '-';
+    return timegap_t(gap.value == INT64_MIN ? INT64_MAX : -gap.value);
+}
+
 // Joins the fields of a 17-digit stamp text: the three date fields in the
 // order given by their offsets, then " hh:mm:ss.mmm".
 std::string join_ts(std::string const& ts, int first, int first_len, int third, int third_len) {
@@ -301,28 +318,27 @@ std::string join_ts(std::string const& ts, int first, int first_len, int third, 
 }  // namespace
 
 std::string elapsed_time(timegap_t const& gap) {
-    q_int64_t const d = gap.get(3, 0);
-    q_int64_t const h = gap.get(2, 1);
-    q_int64_t const m = gap.get(1, 1);
-    q_int64_t const s = gap.get(0, 1);
-    q_int64_t const ms = gap.get(-3, 3);
     std::string out;
+    timegap_t const g = magnitude(gap, out);
+    q_int64_t const d = g.get(3, 0);
+    q_int64_t const h = g.get(2, 1);
+    q_int64_t const m = g.get(1, 1);
+    q_int64_t const s = g.get(0, 1);
+    q_int64_t const ms = g.get(-3, 3);
     if (d != 0) {
         add_number_to_string(d, out);
         out += '-';
     }
-    if (!out.empty() || h != 0) {
-        if (h < 10) out += '0';
-        add_number_to_string(h, out);
+    bool const hours = d != 0 || h != 0;
+    if (hours) {
+        add_02d(h, out);
         out += ':';
     }
-    if (!out.empty() || m != 0) {
-        if (m < 10) out += '0';
-        add_number_to_string(m, out);
+    if (hours || m != 0) {
+        add_02d(m, out);
         out += ':';
     }
-    if (s < 10) out += '0';
-    add_number_to_string(s, out);
+    add_02d(s, out);
     out += '.';
     add_number_to_string(ms, out);
     if (ms < 10)
@@ -335,16 +351,20 @@ std::string elapsed_time(timegap_t const& gap) {
 std::string elapsed_time(timestamp_t const& since) { return elapsed_time(kern::time::now() - since); }
 
 void format_uptime(timegap_t const& gap, std::string& out) {
+    timegap_t const g = magnitude(gap, out);
     char buf[11];
     char* p = buf;
-    int days = static_cast<int>(gap.get(3, 0) % 100);
+    // The field shows whenever there are whole days, even when their last
+    // two digits are "00" (100 days).
+    q_int64_t const days = g.get(3, 0);
     if (days != 0) {
-        p += decimal_convertor_t<int, 2>::store0(days, p);
+        int last2 = static_cast<int>(days % 100);
+        p += decimal_convertor_t<int, 2>::store0(last2, p);
         *p++ = '-';
     }
-    int h = static_cast<int>(gap.get(2, 1));
-    int m = static_cast<int>(gap.get(1, 1));
-    int s = static_cast<int>(gap.get(0, 1));
+    int h = static_cast<int>(g.get(2, 1));
+    int m = static_cast<int>(g.get(1, 1));
+    int s = static_cast<int>(g.get(0, 1));
     p += decimal_convertor_t<int, 2>::store0(h, p);
     *p++ = ':';
     p += decimal_convertor_t<int, 2>::store0(m, p);
@@ -367,14 +387,11 @@ std::string str_time(unsigned long seconds) {
 }
 
 std::string time_string(long unix_seconds) {
-    long const d = static_cast<long>(kern::time::now().unixtime()) - unix_seconds;
-    std::string out;
-    if (d >= 86400) {
-        add_number_to_string(d / 86400, out);
-        out += '-';
-    }
-    add_clock(d / 3600 % 24, d / 60 % 60, d % 60, out);
-    return out;
+    // In unsigned arithmetic, so that no pair of times overflows.
+    auto const now = static_cast<unsigned long>(kern::time::now().unixtime());
+    auto const then = static_cast<unsigned long>(unix_seconds);
+    if (unix_seconds > static_cast<long>(now)) return "-" + str_time(then - now);
+    return str_time(now - then);
 }
 
 char const* wday_to_string(int day) { return day >= 0 && day < 7 ? k_wday_full[day] : "Error"; }

@@ -13,8 +13,10 @@ TEST(DurationTexts, ElapsedTime) {
         {timegap_t(), "00.000"}, {timegap_t(61005, -3), "01:01.500"},  // trailing zeros kept
         {timegap_t(12, -3), "00.120"}, {timegap_t(999, -3), "00.999"}, {timegap_t(1, 3), "1-00:00:00.000"},
         {timegap_t(4, 3, 2, 123) + timegap_t(500, -3), "123-02:03:04.500"},
-        {timegap_t(0, 0, 10, 0), "10:00:00.000"}, {timegap_t(9, 59, 0, 0), "59:09.000"}};
+        {timegap_t(0, 0, 10, 0), "10:00:00.000"}, {timegap_t(9, 59, 0, 0), "59:09.000"},
+        {-timegap_t(1500, -3), "-01.500"}, {-timegap_t(1, 3), "-1-00:00:00.000"}};  // a clock stepped back
     for (auto const& c : cases) EXPECT_EQ(elapsed_time(c.gap), c.text);
+    EXPECT_EQ(elapsed_time(timegap_t(INT64_MIN)), "-" + elapsed_time(timegap_t(INT64_MAX)));  // one tick apart
     // From a stamp a few seconds ago: the text grows with the clock.
     std::string const since = elapsed_time(kern::time::now() - timegap_t(5, 0));
     EXPECT_TRUE(since.compare(0, 3, "05.") == 0 || since.compare(0, 3, "06.") == 0) << since;
@@ -23,8 +25,8 @@ TEST(DurationTexts, ElapsedTime) {
 TEST(DurationTexts, UptimeAndSeconds) {
     struct { timegap_t gap; char const* text; } const up[] = {
         {timegap_t(3661, 0), "up 01:01:01"}, {timegap_t(5, 0, 0, 2), "up 02-00:00:05"},
-        {timegap_t(0, 0, 0, 123), "up 23-00:00:00"}, {timegap_t(0, 0, 0, 100), "up 00:00:00"},  // days cut to "00"
-        {timegap_t(), "up 00:00:00"}};
+        {timegap_t(0, 0, 0, 123), "up 23-00:00:00"}, {timegap_t(5, 0, 0, 100), "up 00-00:00:05"},  // days cut to "00"
+        {timegap_t(), "up 00:00:00"}, {-timegap_t(3661, 0), "up -01:01:01"}, {-timegap_t(5, 0, 0, 102), "up -02-00:00:05"}};
     for (auto const& c : up) {
         std::string s = "up ";  // appended to, never cleared
         format_uptime(c.gap, s);
@@ -41,6 +43,8 @@ TEST(DurationTexts, UptimeAndSeconds) {
     EXPECT_TRUE(t == "1-01:01:01" || t == "1-01:01:02") << t;
     std::string const z = time_string(now - 86401);
     EXPECT_TRUE(z == "1-00:01" || z == "1-00:02") << z;
+    std::string const ahead = time_string(now + 90061);  // shrinks as the clock goes on
+    EXPECT_TRUE(ahead == "-1-01:01:01" || ahead == "-1-01:01:00") << ahead;
 }
 
 TEST(DurationTexts, Weekdays) {

@@ -31,6 +31,14 @@ TEST(Formatting, SizeBoundariesAndFailure) {
     EXPECT_EQ(q_format("%s", make(1024).c_str()), out);
     EXPECT_EQ(q_format("%d-%s-%05.1f|%c", -12, "ab", 3.14159, 'z'), "-12-ab-003.1|z");
     EXPECT_EQ(q_format("%d%s%d", 1, make(2000).c_str(), 2), "1" + make(2000) + "2");  // read by both passes
+    // Arguments inside out itself: short and long, growing it or fitting its room, one pass or two.
+    for (std::size_t n : {3u, 100u, 1500u})
+        for (std::size_t room : {0u, 4000u}) {
+            out.reserve(room);
+            out = make(n);
+            q_format(out, "<%s|%s>", out.c_str(), out.c_str() + 1);
+            EXPECT_EQ(out, "<" + make(n) + "|" + make(n).substr(1) + ">") << n << " " << room;
+        }
     // A wide character the C locale cannot encode fails the first pass.
     out = "old";
     wchar_t const bad[] = {0x4e2d, 0};
