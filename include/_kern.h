@@ -30,7 +30,7 @@
 #ifndef QVLKERN__KERN_H
 #define QVLKERN__KERN_H
 
-#include "amtypes.h"
+#include "kern-config.h"
 
 // The library banner; the same pointer on every call.
 extern "C" QVL_API char const* kern_signature();

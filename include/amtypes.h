@@ -1,4 +1,5 @@
-// amtypes.h: the library's basic types and its string slice.
+// amtypes.h: the library's basic types and its string slice. The export
+// markers and the integer names are in kern-config.h.
 //
 // lstr_t is a non-owning view of a run of bytes: a length and a pointer into
 // memory that somebody else owns. Every text service of the library takes and
@@ -20,19 +21,10 @@
 #define QVLKERN_AMTYPES_H
 
 #include <cstddef>
-#include <cstdint>
 #include <string>
 #include <vector>
 
-// Marks the library's exported interface; everything else is hidden.
-#define QVL_API __attribute__((visibility("default")))
-
-// printf-style argument checking for formatting functions.
-#define QVL_PRINTF(fmt_index, first_arg) __attribute__((format(printf, fmt_index, first_arg)))
-
-typedef std::uint32_t q_uint32_t;
-typedef std::int64_t q_int64_t;
-typedef std::uint64_t q_uint64_t;
+#include "kern-config.h"
 
 // Root of the library's interface classes: a virtual destructor only.
 // Interfaces derive from it virtually.

@@ -34,7 +34,7 @@
 #include <cstdint>
 #include <string>
 
-#include "amtypes.h"
+#include "kern-config.h"
 #include "time-objs.h"
 
 namespace kern {

@@ -33,7 +33,7 @@
 #ifndef QVLKERN_COMMON_UTILS_H
 #define QVLKERN_COMMON_UTILS_H
 
-#include "amtypes.h"
+#include "kern-config.h"
 
 // One entry of a switch table.
 struct QVL_API cmd_switch_t {

@@ -74,6 +74,7 @@
 #include <string>
 
 #include "amtypes.h"
+#include "kern-config.h"
 #include "syncers.h"
 #include "time-objs.h"
 

@@ -51,7 +51,7 @@
 #include <string>
 #include <typeinfo>
 
-#include "amtypes.h"
+#include "kern-config.h"
 
 namespace kern_n {
 

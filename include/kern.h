@@ -8,6 +8,7 @@
 #include "common-utils.h"
 #include "dynamic_library.h"
 #include "exceptions.h"
+#include "kern-config.h"
 #include "loggers.h"
 #include "lwp.h"
 #include "numstrings-int.h"

@@ -95,6 +95,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include "amtypes.h"
+#include "kern-config.h"
 #include "syncers.h"
 #include "time-objs.h"
 
@@ -457,20 +458,20 @@ private:
     // The helpers below are not exported, so that the library calls them
     // directly (write() runs for every line).
     struct pack_job_t;
-    __attribute__((visibility("hidden"))) static void pack_main(pack_job_t* job);
+    QVL_HIDDEN static void pack_main(pack_job_t* job);
 
     // Local time of a UTC moment, with the zone offset cached by the checks.
     q_int64_t local_ticks(timestamp_t utc) const { return utc.value - zone_ticks_; }
-    __attribute__((visibility("hidden"))) void renew_zone(timestamp_t now);
+    QVL_HIDDEN void renew_zone(timestamp_t now);
     // Rotation condition of write() step 3.
-    __attribute__((visibility("hidden"))) bool rotation_due(timestamp_t now) const;
+    QVL_HIDDEN bool rotation_due(timestamp_t now) const;
     // fstat of the file: size, or the re-creation of a removed file.
-    __attribute__((visibility("hidden"))) void check_file();
+    QVL_HIDDEN void check_file();
     // Writes through the descriptor write, counting the bytes.
-    __attribute__((visibility("hidden"))) void write_own(std::string const& text);
+    QVL_HIDDEN void write_own(std::string const& text);
     // The descriptor's new value, set under the write mutex that the
     // compression thread's messages take.
-    __attribute__((visibility("hidden"))) void set_fd(int fd);
+    QVL_HIDDEN void set_fd(int fd);
 
     rwlock_t rwlock_;
     timestamp_t next_reopen_;

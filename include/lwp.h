@@ -48,7 +48,7 @@
 #include <boost/function.hpp>
 #include <boost/shared_ptr.hpp>
 
-#include "amtypes.h"
+#include "kern-config.h"
 #include "runnable.h"
 #include "time-objs.h"
 

@@ -30,6 +30,7 @@
 #include <string>
 
 #include "amtypes.h"
+#include "kern-config.h"
 
 // --- decimal text appended to a string; each returns out ---------------------
 QVL_API std::string& add_number_to_string(unsigned char value, std::string& out);

@@ -48,6 +48,7 @@
 #define QVLKERN_NUMSTRINGS_INT_H
 
 #include "amtypes.h"
+#include "kern-config.h"
 
 namespace kern_n {
 

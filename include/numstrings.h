@@ -31,6 +31,7 @@
 #define QVLKERN_NUMSTRINGS_H
 
 #include "amtypes.h"
+#include "kern-config.h"
 
 namespace kern_n {
 namespace detail {

@@ -32,6 +32,7 @@
 #include <string>
 
 #include "amtypes.h"
+#include "kern-config.h"
 
 // Exact number of bytes quote_string writes for the n bytes at s; 2 for an
 // empty input.

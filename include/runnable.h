@@ -72,6 +72,7 @@
 #include <boost/function.hpp>
 
 #include "amtypes.h"
+#include "kern-config.h"
 #include "syncers.h"
 #include "time-objs.h"
 

@@ -57,6 +57,7 @@
 #include <cstdint>
 
 #include "amtypes.h"
+#include "kern-config.h"
 #include "time-objs.h"
 
 namespace kern {

@@ -62,6 +62,7 @@
 #include <string>
 
 #include "amtypes.h"
+#include "kern-config.h"
 
 class timestamp_t;
 

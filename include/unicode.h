@@ -22,6 +22,7 @@
 #include <string>
 
 #include "amtypes.h"
+#include "kern-config.h"
 
 // s in upper / lower case under the default locale's rules, in the default
 // library's code page. The result may differ in length ("\xdf" in Latin-1

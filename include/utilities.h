@@ -30,6 +30,7 @@
 #include <string>
 
 #include "amtypes.h"
+#include "kern-config.h"
 #include "numeric-triades.h"
 
 // Carries the thread's errno across code that may change it: saves errno at

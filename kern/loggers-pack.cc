@@ -1,0 +1,212 @@
+// loggers-pack.cc: the compression of rotated log files, on a thread of
+// its own that each rotation of a file logger starts.
+#include "loggers.h"
+
+#include <cxxabi.h>
+#include <fcntl.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <cerrno>
+#include <memory>
+#include <string>
+
+#include <boost/thread/thread.hpp>
+
+#include "loggers-int.h"
+#include "runnable.h"
+#include "utilities.h"
+
+using namespace kern_n::detail;
+
+namespace {
+
+// The compression copies the rotated file in blocks of this size.
+constexpr size_t k_pack_block = 16384;
+
+// A descriptor closed at the end of the scope.
+class fd_holder_t {
+public:
+    explicit fd_holder_t(int fd) : fd_(fd) {}
+    ~fd_holder_t() {
+        if (fd_ != -1) close_once(fd_);
+    }
+    fd_holder_t(fd_holder_t const&) = delete;
+    fd_holder_t& operator=(fd_holder_t const&) = delete;
+    int get() const { return fd_; }
+    int release() {
+        int const fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+
+private:
+    int fd_;
+};
+
+// A gzip stream closed at the end of the scope unless closed before.
+class gz_holder_t {
+public:
+    explicit gz_holder_t(gzFile gz) : gz_(gz) {}
+    ~gz_holder_t() {
+        if (gz_) gzclose(gz_);
+    }
+    gz_holder_t(gz_holder_t const&) = delete;
+    gz_holder_t& operator=(gz_holder_t const&) = delete;
+    gzFile get() const { return gz_; }
+    gzFile release() {
+        gzFile const gz = gz_;
+        gz_ = nullptr;
+        return gz;
+    }
+
+private:
+    gzFile gz_;
+};
+
+// Compresses from into to and removes from. On a failure message becomes
+// the report, the partial to is removed and from stays, so that the rotated
+// lines are never lost nor left only in a truncated .gz. The thread that
+// runs this blocks every signal, so zlib's own writes see no EINTR.
+void compress_file(std::string const& from, std::string const& to, std::string& message) {
+    fd_holder_t in(open_retry(from.c_str(), O_RDONLY | O_NOCTTY, 0));
+    if (in.get() == -1) {
+        error_saver_t const saved;
+        file_logger_impl_t::prepare(message, if_logger_t::INFO, "[Logger] Unable to open file \"%s\" because of %s",
+                                    from.c_str(), get_last_error(saved).c_str());
+        return;
+    }
+    fd_holder_t out(open_retry(to.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NOCTTY, k_log_mode));
+    if (out.get() == -1) {
+        error_saver_t const saved;
+        file_logger_impl_t::prepare(message, if_logger_t::INFO, "[Logger] Unable to create file \"%s\" because of %s",
+                                    to.c_str(), get_last_error(saved).c_str());
+        return;
+    }
+    // The stream gets a descriptor of its own and closes it; out stays open
+    // for the fsync after the stream has written its trailer.
+    fd_holder_t stream_fd(::fcntl(out.get(), F_DUPFD_CLOEXEC, 0));
+    gz_holder_t gz(stream_fd.get() == -1 ? nullptr : gzdopen(stream_fd.get(), "wb9"));
+    if (!gz.get()) {
+        std::string const error = stream_fd.get() == -1 ? get_last_error() : std::string(zError(Z_MEM_ERROR));
+        file_logger_impl_t::prepare(message, if_logger_t::INFO,
+                                    "[Logger] Unable to create compressed file \"%s\" because of %s", to.c_str(),
+                                    error.c_str());
+        unlink_retry(to);
+        return;
+    }
+    stream_fd.release();
+
+    std::unique_ptr<char[]> const block(new char[k_pack_block]);
+    for (;;) {
+        ssize_t got;
+        do {
+            got = ::read(in.get(), block.get(), k_pack_block);
+        } while (got == -1 && errno == EINTR);
+        if (got == 0) break;
+        if (got < 0) {
+            error_saver_t const saved;
+            file_logger_impl_t::prepare(
+                message, if_logger_t::INFO,
+                "[Logger] File \"%s\" written partially because of unable to read file \"%s\" because of %s",
+                to.c_str(), from.c_str(), get_last_error(saved).c_str());
+            gzclose(gz.release());
+            unlink_retry(to);
+            return;
+        }
+        for (ssize_t put = 0; put < got;) {
+            int const n = gzwrite(gz.get(), block.get() + put, static_cast<unsigned>(got - put));
+            if (n <= 0) {
+                int code = 0;
+                std::string const error = gzerror(gz.get(), &code);
+                file_logger_impl_t::prepare(message, if_logger_t::INFO,
+                                            "[Logger] Unable to write into file \"%s\" because of %s", to.c_str(),
+                                            error.c_str());
+                gzclose(gz.release());
+                unlink_retry(to);
+                return;
+            }
+            put += n;
+        }
+    }
+    // The trailer goes out at the close, and it can fail as any write can.
+    int const rc = gzclose(gz.release());
+    int synced = -1;
+    if (rc == Z_OK) {
+        do {
+            synced = ::fsync(out.get());
+        } while (synced == -1 && errno == EINTR);
+    }
+    if (rc != Z_OK || synced == -1) {
+        error_saver_t const saved;
+        std::string const error = rc == Z_OK || rc == Z_ERRNO ? get_last_error(saved) : std::string(zError(rc));
+        file_logger_impl_t::prepare(message, if_logger_t::INFO,
+                                    "[Logger] Unable to write into file \"%s\" because of %s", to.c_str(),
+                                    error.c_str());
+        unlink_retry(to);
+        return;
+    }
+    close_once(out.release());
+    close_once(in.release());
+    if (unlink_retry(from) == -1) {
+        error_saver_t const saved;
+        file_logger_impl_t::prepare(message, if_logger_t::INFO, "[Logger] Unable to remove file \"%s\" because of %s",
+                                    from.c_str(), get_last_error(saved).c_str());
+    }
+}
+
+// The compression thread's entry in the thread registry: its lines show
+// "logzip" and it is listed with the other threads.
+class pack_entry_t : public kern_n::runnable_t {
+public:
+    pack_entry_t() : runnable_t(deferred_t()) {
+        set_name("logzip");
+        register_in_list();
+    }
+    ~pack_entry_t() override { deregister_from_list(); }
+    char const* type() const override { return "logzip"; }
+};
+
+}  // namespace
+
+void file_logger_impl_t::pack_main(pack_job_t* raw) {
+    std::unique_ptr<pack_job_t> const job(raw);
+    // This copy is the thread's last hold: it goes after the registry entry,
+    // so that a logger destroyed at exit waits until the thread is done with
+    // every part of the library.
+    rotation_hold_t hold = job->hold;
+    job->hold.reset();
+    {
+        std::unique_ptr<pack_entry_t> entry;
+        std::unique_ptr<kern_n::runnable_t::wrap_helper_t> adopt;
+        try {
+            entry.reset(new pack_entry_t);
+            adopt.reset(new kern_n::runnable_t::wrap_helper_t(entry.get()));
+        } catch (std::exception const&) {
+            // Unlisted, the thread shows as noname; the compression goes on.
+        }
+        job->logger->pack(hold, job->from, job->to);
+    }
+    hold.reset();
+}
+
+void file_logger_impl_t::pack(rotation_hold_t hold, std::string const& from, std::string const& to) {
+    std::string message;
+    try {
+        compress_file(from, to, message);
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (boost::thread_interrupted const&) {
+        prepare(message, INFO, "[Logger] Compression of \"%s\" was interrupted", from.c_str());
+    } catch (std::exception const& e) {
+        prepare(message, INFO, "[Logger] Compression of \"%s\" failed because of %s", from.c_str(), e.what());
+    } catch (...) {
+        prepare(message, INFO, "[Logger] Compression of \"%s\" failed because of an unknown exception", from.c_str());
+    }
+    if (!message.empty()) write_fd(message.data(), message.size());
+    hold.reset();
+}
+
+void file_logger_impl_t::wait_compression() {
+    xlocker_t<rwlock_t> const hold(rwlock_);
+}
