@@ -37,9 +37,14 @@
 //  - the call-stack slot borrows the marker it points at (a marker lives on
 //    its thread's stack), so its key has no destructor: a thread that ends
 //    with a marker's address left in the slot frees nothing;
-//  - no log-oriented pretty-printing of caught shells is offered here:
-//    callers log what_chain() (one cause per line through split_error) or
-//    info(), and backtraces go through a printer of their choice.
+//  - pretty_print substitutes its one argument for the first "%s" of its
+//    format by hand (and "%%" by "%"), never through printf, so that a
+//    format with other directives cannot read what was not passed;
+//  - pretty_print and bad_alloc_msg never throw: they are called from catch
+//    blocks, where a second exception would end the program;
+//  - bad_alloc_msg logs at CRIT; when there is no process logger, or
+//    logging fails for want of memory, the line goes to standard error with
+//    one write of a text built on the stack.
 #ifndef QVLKERN_EXCEPTIONS_H
 #define QVLKERN_EXCEPTIONS_H
 
@@ -48,6 +53,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <exception>
+#include <new>
 #include <string>
 #include <typeinfo>
 
@@ -276,5 +282,26 @@ QVL_EXCEPTION_FAMILIES(QVL_DECLARE_EXCEPTION_FAMILY)
 // The same with a cause record (taken from a caught shell with release()).
 #define QVL_THROW_CAUSE(family, cause, ...) \
     throw family##_shell_t(__VA_ARGS__).create_impl(__FILE__, __LINE__, (cause))
+
+// Logs a caught exception through the process logger at class level:
+//   the caller's line: fmt with arg in place of its "%s" (none when fmt is
+//     null; a null arg reads "(null)");
+//   General error "<the shell's what()>" detected
+//   then the record's backtrace: each record of the cause chain as
+//     "<type>: <reason>", indented by two and one more per cause, all with
+//     the position of the outermost throw, and with capture on the
+//     call-stack points copied at the throw.
+// A null shell stands for an exception outside the library's families and
+// logs "General error "unknown exception" detected". Logs nothing without a
+// logger or when level is filtered out.
+//
+//   catch (q_exception_t_shell_t const& e) {
+//       pretty_print(if_logger_t::FAULT, "loading module %s failed", name, &e);
+//   }
+QVL_API void pretty_print(int level, char const* fmt, char const* arg, q_exception_t_shell_t const* e) noexcept;
+
+// Logs "Memory allocation failed (<e.what()>)" at CRIT, for the handler of a
+// std::bad_alloc.
+QVL_API void bad_alloc_msg(std::bad_alloc const& e) noexcept;
 
 #endif  // QVLKERN_EXCEPTIONS_H

@@ -4,7 +4,11 @@
 
 #include <cxxabi.h>
 #include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
@@ -456,6 +460,87 @@ q_exception_t* q_exception_t_shell_t::release() const noexcept {
     q_exception_t* rec = impl;
     impl = nullptr;
     return rec;
+}
+
+// --- logging caught exceptions ---------------------------------------------------
+
+namespace {
+
+// fmt with arg in place of its first "%s" and "%" for each "%%"; every other
+// character, "%" included, as it is.
+std::string substitute(char const* fmt, char const* arg) {
+    std::string out;
+    bool used = false;
+    for (char const* p = fmt; *p; ++p) {
+        if (p[0] == '%' && (p[1] == '%' || (p[1] == 's' && !used))) {
+            used |= p[1] == 's';
+            out += p[1] == '%' ? "%" : (arg ? arg : "(null)");
+            ++p;
+        } else {
+            out += *p;
+        }
+    }
+    return out;
+}
+
+// Writes text to standard error without allocating. SIGPIPE is held back
+// from this thread meanwhile, and the one a broken pipe raised is taken
+// back, so that a closed standard error does not end the process.
+void write_stderr(char const* text, std::size_t n) noexcept {
+    error_saver_t const saved;
+    sigset_t pipe, old;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, &old);
+    bool broken = false;
+    while (n > 0) {
+        ssize_t const r = ::write(STDERR_FILENO, text, n);
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) {
+            broken = r < 0 && errno == EPIPE;
+            break;
+        }
+        text += r;
+        n -= static_cast<std::size_t>(r);
+    }
+    if (broken && !sigismember(&old, SIGPIPE)) {
+        struct timespec const now = {0, 0};
+        while (sigtimedwait(&pipe, nullptr, &now) < 0 && errno == EINTR) {
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+}
+
+}  // namespace
+
+void pretty_print(int level, char const* fmt, char const* arg, q_exception_t_shell_t const* e) noexcept {
+    try {
+        if_logger_t* const log = if_logger_t::Log;
+        if (!log || !log->is_logged(level)) return;
+        if (fmt) log->log(level, "%s", substitute(fmt, arg).c_str());
+        log->log(level, "General error \"%s\" detected", e ? e->what() : "unknown exception");
+        if (e && e->impl) e->impl->backtrace(reinterpret_cast<void*>(static_cast<std::intptr_t>(level)), nullptr, 2);
+    } catch (...) {
+        // a report that cannot be written is dropped: the caller is handling
+        // an exception already
+    }
+}
+
+void bad_alloc_msg(std::bad_alloc const& e) noexcept {
+    char line[256];
+    int const n = std::snprintf(line, sizeof line - 1, "Memory allocation failed (%s)", e.what());
+    if_logger_t* const log = if_logger_t::Log;
+    if (log) {
+        try {
+            if (log->is_logged(if_logger_t::CRIT)) log->log(if_logger_t::CRIT, "%s", line);
+            return;
+        } catch (...) {
+            // written below without the logger
+        }
+    }
+    std::size_t len = std::min(static_cast<std::size_t>(n < 0 ? 0 : n), sizeof line - 2);
+    line[len++] = '\n';
+    write_stderr(line, len);
 }
 
 // --- the family layer ---------------------------------------------------------

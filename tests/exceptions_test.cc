@@ -1,6 +1,9 @@
 // Tests of the exception records, shells, families and call-stack markers.
 #include "exceptions.h"
 
+#include "loggers.h"
+#include "utilities.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -257,6 +260,65 @@ TEST(ExceptionFamilies, CaughtByTheirBases) {
     check_family<name_##_shell_t, base_##_shell_t, name_>(#name_);
     QVL_EXCEPTION_FAMILIES(QVL_TEST_FAMILY)
 #undef QVL_TEST_FAMILY
+}
+
+// The process logger for one scope, keeping "<class> <text>" lines; throws
+// std::bad_alloc from every call while broke.
+struct log_capture_t : if_logger_t {
+    log_capture_t() : if_logger_t(INFO), saved(Log) { Log = this; }
+    ~log_capture_t() override { Log = saved; }
+    bool is_stderr() const override { return false; }
+    size_t write(char const*) override { return 0; }
+    void log_va(msgclass_t c, char const* fmt, va_list ap) override {
+        if (broke) throw std::bad_alloc();
+        if (is_logged(c)) lines.push_back(std::to_string(c) + " " + q_format_va(fmt, ap));
+    }
+    std::vector<std::string> take() { return std::exchange(lines, {}); }
+    if_logger_t* saved;
+    std::vector<std::string> lines;
+    bool broke = false;
+};
+
+TEST(ExceptionLog, PrettyPrintAndBadAlloc) {
+    capture_t off(false);
+    log_capture_t log;
+    int line = 0;
+    try {
+        line = __LINE__, QVL_THROW_CAUSE(io_error_exception, new noent_exception("in.cc", 5, nullptr, "no file"), "outer");
+    } catch (q_exception_t_shell_t const& e) {
+        pretty_print(if_logger_t::FAULT, "loading %s: 100%% %d %s", "mod", &e);
+        std::string const at = " @ " + std::string(__FILE__) + ":" + std::to_string(line);
+        EXPECT_THAT(log.take(), ElementsAre("1 loading mod: 100% %d %s", "1 General error \"outer\" detected",
+                                            "1   io_error_exception: outer" + at, "1    noent_exception: no file" + at));
+        pretty_print(if_logger_t::DEBUG, "x", nullptr, &e);  // filtered out
+        q_exception_t_shell_t const copy(e);                 // e is left a cloned shell
+        pretty_print(if_logger_t::CRIT, "%s", nullptr, &e);
+    }
+    pretty_print(if_logger_t::INFO, nullptr, nullptr, nullptr);
+    bad_alloc_msg(std::bad_alloc());
+    EXPECT_THAT(log.take(), ElementsAre("0 (null)", "0 General error \"NOTHING: I am cloned shell.\" detected",
+                                        "4 General error \"unknown exception\" detected",
+                                        "0 Memory allocation failed (std::bad_alloc)"));
+    // Without memory to log, and without a logger, the line goes straight to standard error.
+    log.broke = true;
+    testing::internal::CaptureStderr();
+    bad_alloc_msg(std::bad_alloc());
+    pretty_print(if_logger_t::CRIT, "lost", nullptr, nullptr);
+    if_logger_t::Log = nullptr;
+    bad_alloc_msg(std::bad_alloc());
+    if_logger_t::Log = &log;
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Memory allocation failed (std::bad_alloc)\n"
+                                                      "Memory allocation failed (std::bad_alloc)\n");
+    // A standard error nobody reads any more does not end the process.
+    EXPECT_EXIT(
+        {
+            int p[2];
+            if (pipe(p) != 0 || close(p[0]) != 0 || dup2(p[1], STDERR_FILENO) < 0) _exit(2);
+            if_logger_t::Log = nullptr;
+            bad_alloc_msg(std::bad_alloc());
+            _exit(0);
+        },
+        ExitedWithCode(0), "");
 }
 
 }  // namespace
