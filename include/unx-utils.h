@@ -1,4 +1,4 @@
-// unx-utils.h: account look-ups and daemonising.
+// unx-utils.h: account look-ups, daemonising and terminal echo.
 //
 // Daemons run under service accounts and name them in their reports. These
 // functions look user and group names up by id and ids up by name in the
@@ -22,6 +22,13 @@
 // answers ERANGE, up to 1 MiB, so that a group with thousands of members is
 // still found; a larger entry counts as not found.
 //
+// A program asking for a password switches off the echo of its terminal
+// and puts back what was there (unx-utils-term.cc):
+//
+//   bool const was = set_input_echo(false);   // standard input
+//   read_password(...);
+//   set_input_echo(was);
+//
 // Thread safety: the look-ups may run on any thread; each cache has its own
 // mutex, held during its look-up. unx_get_user_and_group takes the user
 // cache's mutex, then, after releasing it, the group cache's: never both at
@@ -32,6 +39,9 @@
 //  - A look-up interrupted by a signal (EINTR) is tried again; any other
 //    failure but ERANGE ends it as not found.
 //  - unx_get_user_id and unx_get_group_id with a null name answer false.
+//  - set_input_echo changes the ECHO flag alone, at once (TCSANOW): input
+//    typed ahead is kept, and a newline is echoed as the terminal's ECHONL
+//    says.
 //  - daemonize answers -1 when /dev/null cannot be put on descriptors 0 to 2,
 //    and when /dev/null itself opened as one of them it clears its
 //    close-on-exec flag, so that programs the daemon starts inherit all
@@ -77,5 +87,14 @@ QVL_API void unx_get_user_and_group(unsigned int uid, unsigned int gid, std::str
 // with errno when a step failed: in the caller when fork failed, else in the
 // child.
 extern "C" QVL_API int daemonize(int nochdir, int noclose);
+
+// True when the terminal on fd (standard input by default) echoes what is
+// typed. Throws api_exception_shell_t "unable to read the settings of
+// terminal <fd> because of <error>" when fd is not a terminal.
+QVL_API bool get_input_echo(int fd = 0);
+// Switches the echo of the terminal on fd on or off and answers whether it
+// was on. Throws api_exception_shell_t as get_input_echo does, or "unable
+// to set the echo of terminal <fd> because of <error>".
+QVL_API bool set_input_echo(bool on, int fd = 0);
 
 #endif  // QVLKERN_UNX_UTILS_H
