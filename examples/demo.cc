@@ -178,6 +178,29 @@ void show_quoting() {
     std::printf("  round trip: %s\n", back == line ? "identical" : "DIFFERENT");
 }
 
+// --- multilingual text ---------------------------------------------------
+
+void show_unicode() {
+    section("multilingual text");
+    for (char const* word : {"Stra\u00dfe", "\u039f\u0394\u039f\u03a3 \u03a3\u039f\u03a6\u039f\u03a3"}) {
+        std::string up, low;
+        upper_string_uc(word, up);
+        lower_string_uc(word, low);
+        std::printf("  %s: upper %s, lower %s\n", word, up.c_str(), low.c_str());
+    }
+    // a family joined by zero-width joiners, a flag, an e with its accent apart
+    std::string const text = "\U0001F468\u200D\U0001F469\u200D\U0001F467 \U0001F1E9\U0001F1EA e\u0301";
+    std::vector<lstr_t> glyphs;
+    break_glyph(text, glyphs);
+    std::printf("  %s: %zu bytes, %zu glyphs\n", text.c_str(), text.size(), glyphs.size());
+    char const* const hello = "\u041f\u0440\u0438\u0432\u0435\u0442";
+    std::string cp1251, back;
+    utf8_2_local(hello, cp1251, "windows-1251");
+    local_2_utf8(cp1251, back, "windows-1251");
+    std::printf("  %s in windows-1251: %s, back to UTF-8: %s\n", hello,
+                hex_dump_just_mem(cp1251.data(), cp1251.size()).c_str(), back.c_str());
+}
+
 // --- logging -------------------------------------------------------------
 
 // The second logger of the chain, on a file of the demo's own.
@@ -341,6 +364,7 @@ int main(int argc, char** argv) {
     show_exceptions();
     show_time();
     show_quoting();
+    show_unicode();
     main_entry_t main_entry;
     kern_n::runnable_t::wrap_helper_t adopt_main(&main_entry);
     int chain_fd = start_logging(opts.verbose);
