@@ -46,8 +46,11 @@
 //    the same either way;
 //  - comparison is ICU's collation at its default (tertiary) strength, so
 //    canonically equivalent texts, and texts that differ only in ignorable
-//    characters, compare equal; the case-insensitive forms compare at the
-//    secondary strength, where accents still count;
+//    characters, compare equal; in the "C" locale that is code point order
+//    for ASCII ("B" before "a"), as strcoll has it;
+//  - the case-insensitive forms compare the case-folded texts (Unicode's
+//    full folding, "STRASSE" and "straße" alike; under Turkish and Azeri
+//    "I" pairs with "ı" and "İ" with "i"): case never counts, accents do;
 //  - q_strncasecmp_uc counts glyphs (what a reader sees as one character,
 //    an accented letter, an emoji family), so it never splits a character;
 //  - break_word keeps the words only (letters, numbers, kana, ideographs),
@@ -87,7 +90,7 @@ QVL_API void title_string(lstr_t const& s, std::string& out);
 // -1, 0 or 1 as a sorts before, with or after b in the locale's order (in
 // Swedish "ä" after "z", in German beside "a").
 QVL_API int q_strcmp_uc(lstr_t const& a, lstr_t const& b);
-// The same, ignoring case (but not accents).
+// The same, ignoring case (but not accents): "STRASSE" equals "straße".
 QVL_API int q_strcasecmp_uc(lstr_t const& a, lstr_t const& b);
 // q_strcasecmp_uc of the first n glyphs of a and of b.
 QVL_API int q_strncasecmp_uc(lstr_t const& a, lstr_t const& b, unsigned long n);

@@ -60,7 +60,7 @@ bool ascii_case_plain() noexcept;
 // use and renewed when ICU_setlocale changes it; they live until the thread
 // ends. Throw icu_exception_shell_t when ICU cannot open them.
 UCaseMap* thread_casemap();
-UCollator* thread_collator(bool ignore_case);
+UCollator* thread_collator();
 UBreakIterator* thread_breaker(UBreakIteratorType type);
 
 // Appends to out what f(dest, capacity, &status) writes, first into guess

@@ -16,9 +16,9 @@ namespace {
 using kern_n::detail::check_utf8;
 using kern_n::detail::icu_length;
 
-enum case_t { k_lower, k_upper, k_title };
+enum case_t { k_lower, k_upper, k_title, k_fold };
 
-char const* const k_case_names[] = {"lower case", "upper case", "title case"};
+char const* const k_case_names[] = {"lower case", "upper case", "title case", "folded case"};
 
 // Writes the n bytes of s to d with the 26 ASCII letters of one case
 // changed to the other (to upper case when upper) and stops at the first
@@ -52,7 +52,7 @@ void map_case(lstr_t const& s, std::string& out, case_t c) {
     if (c != k_title && kern_n::detail::ascii_case_plain()) {
         std::size_t const old = out.size();
         out.resize(old + s.length());
-        ascii = ascii_case(s.ptr(), s.length(), &out[old], c == k_upper);
+        ascii = ascii_case(s.ptr(), s.length(), &out[old], c == k_upper);  // ASCII folds to lower case
         if (ascii == s.length()) return;
         out.resize(old);
     }
@@ -65,7 +65,8 @@ void map_case(lstr_t const& s, std::string& out, case_t c) {
             switch (c) {
             case k_lower: return ucasemap_utf8ToLower(cm, d, cap, s.ptr(), n, e);
             case k_upper: return ucasemap_utf8ToUpper(cm, d, cap, s.ptr(), n, e);
-            default: return ucasemap_utf8ToTitle(cm, d, cap, s.ptr(), n, e);
+            case k_title: return ucasemap_utf8ToTitle(cm, d, cap, s.ptr(), n, e);
+            default: return ucasemap_utf8FoldCase(cm, d, cap, s.ptr(), n, e);
             }
         });
     if (U_FAILURE(st))
@@ -81,10 +82,19 @@ int collate(UCollator* coll, lstr_t const& a, lstr_t const& b) {
     return r;
 }
 
+// Case is ignored by comparing the folded texts: a collator's strength
+// cannot do it everywhere (in the POSIX locale's order "a" and "A" differ
+// at the first level).
 int compare(lstr_t const& a, lstr_t const& b, bool ignore_case) {
-    check_utf8(a, "text");
-    check_utf8(b, "text");
-    return collate(kern_n::detail::thread_collator(ignore_case), a, b);
+    if (!ignore_case) {
+        check_utf8(a, "text");
+        check_utf8(b, "text");
+        return collate(kern_n::detail::thread_collator(), a, b);
+    }
+    std::string fa, fb;
+    map_case(a, fa, k_fold);
+    map_case(b, fb, k_fold);
+    return collate(kern_n::detail::thread_collator(), fa, fb);
 }
 
 // The thread's break iterator of a kind, set on s (well-formed UTF-8, not
@@ -137,7 +147,7 @@ lstr_t first_glyphs(lstr_t const& s, unsigned long n) {
 template <class T>
 void sort_texts(std::vector<T>& items) {
     for (T const& t : items) check_utf8(lstr_t(t), "text");
-    UCollator* const coll = kern_n::detail::thread_collator(false);
+    UCollator* const coll = kern_n::detail::thread_collator();
     std::stable_sort(items.begin(), items.end(),
                      [coll](T const& a, T const& b) { return collate(coll, lstr_t(a), lstr_t(b)) < 0; });
 }

@@ -55,7 +55,7 @@ bool ascii_case_special(char const* locale) noexcept {
 struct thread_icu_t {
     unsigned generation = 0;
     UCaseMap* casemap = nullptr;
-    UCollator* collator[2] = {nullptr, nullptr};  // exact, ignoring case
+    UCollator* collator = nullptr;
     UBreakIterator* breaker[UBRK_SENTENCE + 1] = {};
 
     ~thread_icu_t() { reset(); }
@@ -63,10 +63,8 @@ struct thread_icu_t {
     void reset() noexcept {
         ucasemap_close(casemap);
         casemap = nullptr;
-        for (UCollator*& c : collator) {
-            if (c) ucol_close(c);
-            c = nullptr;
-        }
+        if (collator) ucol_close(collator);
+        collator = nullptr;
         for (UBreakIterator*& b : breaker) {
             if (b) ubrk_close(b);
             b = nullptr;
@@ -139,22 +137,21 @@ UCaseMap* thread_casemap() {
     thread_icu_t& t = t_icu.fresh();
     if (!t.casemap) {
         UErrorCode st = U_ZERO_ERROR;
-        t.casemap = opened(ucasemap_open(locale_arg(), 0, &st), st, "case mapping");
+        // Folding keeps the Turkic dotted and dotless i apart where they
+        // are letters of their own.
+        uint32_t const options = s_settings.ascii_case_special ? U_FOLD_CASE_EXCLUDE_SPECIAL_I : 0;
+        t.casemap = opened(ucasemap_open(locale_arg(), options, &st), st, "case mapping");
     }
     return t.casemap;
 }
 
-UCollator* thread_collator(bool ignore_case) {
+UCollator* thread_collator() {
     thread_icu_t& t = t_icu.fresh();
-    UCollator*& c = t.collator[ignore_case];
-    if (!c) {
+    if (!t.collator) {
         UErrorCode st = U_ZERO_ERROR;
-        UCollator* const made = opened(ucol_open(locale_arg(), &st), st, "collation");
-        // Secondary strength tells accents apart but not case.
-        if (ignore_case) ucol_setStrength(made, UCOL_SECONDARY);
-        c = made;
+        t.collator = opened(ucol_open(locale_arg(), &st), st, "collation");
     }
-    return c;
+    return t.collator;
 }
 
 UBreakIterator* thread_breaker(UBreakIteratorType type) {

@@ -7,9 +7,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -97,7 +99,11 @@ TEST(Unicode, Collation) {
         {"en_US.UTF-8", q_strcmp_uc, "a", "B", -1},  // not byte order
         {"en_US.UTF-8", q_strcmp_uc, "e\u0301", "\u00e9", 0},  // the same letter in two spellings
         {"en_US.UTF-8", q_strcasecmp_uc, "STRA\u1e9eE", "stra\u00dfe", 0},  // capital and small sharp s
-        {"en_US.UTF-8", q_strcasecmp_uc, "\u00c9COLE", "\u00e9cole", 0},
+        {nullptr, q_strcasecmp_uc, "STRASSE", "stra\u00dfe", 0},
+        {nullptr, q_strcasecmp_uc, "\u00c9COLE", "\u00e9cole", 0},
+        {"tr_TR.UTF-8", q_strcasecmp_uc, "ISPARTA", "\u0131sparta", 0},  // I is the capital of dotless ı
+        {"tr_TR.UTF-8", q_strcasecmp_uc, "\u0130zmir", "izmir", 0},
+        {"tr_TR.UTF-8", q_strcasecmp_uc, "I", "i", -1},  // ı before i in the alphabet
         {"en_US.UTF-8", q_strcasecmp_uc, "RESUME", "r\u00e9sum\u00e9", -1},  // accents still count
     };
     for (auto const& r : rows)
@@ -166,6 +172,24 @@ TEST(Unicode, Breaking) {
         }
         EXPECT_EQ(all, text);
     }
+}
+
+// Each thread has its own case map, collator and break iterators, none of
+// which ICU lets two threads share.
+TEST(Unicode, ThreadsAtOnce) {
+    std::atomic<int> wrong(0);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 300; ++i) {
+                std::vector<lstr_t> words;
+                break_word("Zw\u00f6lf Boxk\u00e4mpfer jagen Viktor", words);
+                wrong += words.size() != 4 || upper_string_uc("gro\u00df") != "GROSS" ||
+                         q_strcasecmp_uc("\u00c9COLE", "\u00e9cole") != 0;
+            }
+        });
+    for (std::thread& t : threads) t.join();
+    EXPECT_EQ(wrong, 0);
 }
 
 TEST(Unicode, CodePagesRoundTrip) {
