@@ -14,6 +14,7 @@
 #include "numstrings-int.h"
 #include "numstrings.h"
 #include "numeric-triades.h"
+#include "platform.h"
 #include "quote-utils.h"
 #include "runnable.h"
 #include "syncers.h"
@@ -21,6 +22,7 @@
 #include "unicode.h"
 #include "unx-utils-signal.h"
 #include "unx-utils.h"
+#include "utilities-exec.h"
 #include "utilities.h"
 
 #endif  // QVLKERN_KERN_H

@@ -27,6 +27,7 @@
 #include "exceptions.h"
 #include "loggers.h"
 #include "numstrings.h"
+#include "platform.h"
 #include "runnable.h"
 #include "syncers.h"
 #include "unicode.h"
@@ -132,8 +133,16 @@ std::string unxs_n::unx_sec_user;
 mutex_t unxs_n::unx_sec_group_guard;
 std::string unxs_n::unx_sec_group;
 
-// (random seed guard, platform description, random counters, system
-// random source, UUID state and time zone go here)
+// (random seed guard goes here)
+
+// The running kernel's version numbers, then the platform description,
+// which depends on nothing else made here.
+q_uint32_t platform_linux_version_1 = platform_base_t::release_number(0);
+q_uint32_t platform_linux_version_2 = platform_base_t::release_number(1);
+q_uint32_t platform_linux_version_3 = platform_base_t::release_number(2);
+platform_base_t platform_t::base;
+
+// (random counters, system random source, UUID state and time zone go here)
 
 // Guards the fatal-signal report's state for programs that share it.
 mutex_t post_morten_dump_flag_guard;
