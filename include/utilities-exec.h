@@ -28,7 +28,8 @@
 //    current directory) is tried in order, going on past missing files and
 //    refused directories; a file the kernel cannot run is run by /bin/sh, as
 //    execvp does with a script without "#!". The child then calls execve.
-//  - A null args counts as empty, as does a text of white space only.
+//  - A null args counts as empty, as does a text of white space only; a null
+//    program answers -1 with errno EINVAL, nothing started.
 //  - close_all_nonstardard_handles uses close_range on kernels from 5.9 on
 //    (as the platform description reports them) and, where it is missing or
 //    refused, closes the entries of /proc/self/fd, read with getdents64 into

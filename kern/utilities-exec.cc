@@ -117,6 +117,10 @@ void close_all_nonstardard_handles() {
 }
 
 int execute(char const* program, char const* args, bool synchronously) {
+    if (!program) {
+        errno = EINVAL;
+        return -1;
+    }
     if (args && args[0] == ' ' && args[1] == '\0') args = "";
     if (!args) args = "";
     if_logger_t* const log = if_logger_t::Log;

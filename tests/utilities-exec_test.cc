@@ -131,6 +131,9 @@ TEST(execute, statuses_words_and_path_search) {
     }
     setenv("PATH", path.c_str(), 1);
     EXPECT_EQ(execute("true", nullptr, true), 0);
+    errno = 0;
+    EXPECT_EQ(execute(nullptr, "", true), -1);
+    EXPECT_EQ(errno, EINVAL);
 
     // Asynchronously: the caller collects the child.
     pid_t const pid = execute("sh", (dir.path + "/args.sh x").c_str(), false);
