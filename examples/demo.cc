@@ -3,6 +3,7 @@
 #include <qvlkern/kern.h>
 
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -303,6 +304,20 @@ void run_workers() {
     log_resources("after workers");
 }
 
+// --- commands ------------------------------------------------------------
+
+// A helper program run to its end, then one left running and collected
+// later, as a daemon runs scripts on events.
+void run_commands() {
+    section("commands");
+    std::printf("  execute(\"sh\", \"-c exit\") = %d\n", execute("sh", "-c exit", true));
+    std::printf("  execute(\"false\", \"\") = %d\n", execute("false", "", true));
+    int const pid = execute("sleep", "0.1", false);
+    int status = 0;
+    if (pid > 0 && ::waitpid(pid, &status, 0) == pid)
+        std::printf("  execute(\"sleep\", \"0.1\") asynchronously: pid %d, exit %d\n", pid, WEXITSTATUS(status));
+}
+
 // --- modules -------------------------------------------------------------
 
 class progress_t : public kern_n::if_environment_t::if_progress_cb_t {
@@ -350,6 +365,8 @@ int main(int argc, char** argv) {
         ::setenv("QVLSRV_DYNALIB_TTL", "1", 1);
         ::execv("/proc/self/exe", argv);
     }
+    // A fault from here on leaves its report, with the stack, on stderr.
+    unixtrap(true);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);  // keep stdout in step with the log on stderr
     options_t opts;
     if (!parse_command_line(argc, argv, opts)) return opts.help ? 0 : 2;
@@ -368,8 +385,11 @@ int main(int argc, char** argv) {
     main_entry_t main_entry;
     kern_n::runnable_t::wrap_helper_t adopt_main(&main_entry);
     int chain_fd = start_logging(opts.verbose);
+    // The start-up report: host, system, account, load and this command line.
+    platform_t::base.info(argc, argv, nullptr);
     rotating_log();
     run_workers();
+    run_commands();
     load_modules();
     log_syncers_stat();
     if (g_file_log) {

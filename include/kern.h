@@ -14,12 +14,15 @@
 #include "numstrings-int.h"
 #include "numstrings.h"
 #include "numeric-triades.h"
+#include "platform.h"
 #include "quote-utils.h"
 #include "runnable.h"
 #include "syncers.h"
 #include "time-objs.h"
 #include "unicode.h"
+#include "unx-utils-signal.h"
 #include "unx-utils.h"
+#include "utilities-exec.h"
 #include "utilities.h"
 
 #endif  // QVLKERN_KERN_H

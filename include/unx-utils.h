@@ -1,4 +1,5 @@
-// unx-utils.h: account look-ups, daemonising and terminal echo.
+// unx-utils.h: account look-ups, daemonising, the host name, the number of
+// processors and terminal echo.
 //
 // Daemons run under service accounts and name them in their reports. These
 // functions look user and group names up by id and ids up by name in the
@@ -10,6 +11,8 @@
 //   unsigned int uid = 0;
 //   if (unx_get_user_id("daemon", uid)) ...
 //   if (daemonize(0, 0) != 0) ...                     // in main, before any thread
+//   std::string host = machine_name();               // "build7"
+//   unsigned workers = cpu_found();                  // 8, or QVLSRV_CPUs
 //
 // Reports ask for the name of the same few ids again and again, so each
 // direction id-to-name keeps a one-entry cache: the last id asked for and its
@@ -46,6 +49,16 @@
 //    and when /dev/null itself opened as one of them it clears its
 //    close-on-exec flag, so that programs the daemon starts inherit all
 //    three.
+//  - machine_name is the kernel's host name (gethostname), never a name
+//    service look-up, so it neither blocks nor fails on a network; empty when
+//    even that fails.
+//  - cpu_found answers the processors the process may run on (its CPU
+//    affinity, as nproc counts them), which is what sizing a pool of workers
+//    needs; the online count when the affinity cannot be read; never 0.
+//    QVLSRV_CPUs, read on every call, overrides it with a count read as
+//    env_get_number reads one (decimal, an optional K, M or G); a value of
+//    0 or that is not such a number is ignored, and values above 65,536 are
+//    cut to 65,536.
 #ifndef QVLKERN_UNX_UTILS_H
 #define QVLKERN_UNX_UTILS_H
 
@@ -87,6 +100,11 @@ QVL_API void unx_get_user_and_group(unsigned int uid, unsigned int gid, std::str
 // with errno when a step failed: in the caller when fork failed, else in the
 // child.
 extern "C" QVL_API int daemonize(int nochdir, int noclose);
+
+// The host name; see the choices above.
+QVL_API std::string machine_name();
+// The number of processors to plan for, at least 1; see the choices above.
+QVL_API unsigned cpu_found();
 
 // True when the terminal on fd (standard input by default) echoes what is
 // typed. Throws api_exception_shell_t "unable to read the settings of

@@ -27,9 +27,11 @@
 #include "exceptions.h"
 #include "loggers.h"
 #include "numstrings.h"
+#include "platform.h"
 #include "runnable.h"
 #include "syncers.h"
 #include "unicode.h"
+#include "unx-utils-signal.h"
 #include "unx-utils.h"
 
 namespace {
@@ -95,7 +97,8 @@ std::atomic<q_uint32_t> kern_n::runnable_t::SeqIdCnt(0);
 kern_n::runnable_list_t kern_n::runnable_t::runnables;
 mutex_t kern_n::runnable_t::runnables_guard;
 
-// (the signal-child flag goes here)
+// How many do-not-wait-on-SIGCHLD switches are alive: none.
+std::atomic<q_uint32_t> kern::signal::ignore_sigchild(0);
 
 // The process logger: a descriptor logger on standard error until the
 // program calls init_logger. At exit it is deleted and the process logger
@@ -130,12 +133,24 @@ std::string unxs_n::unx_sec_user;
 mutex_t unxs_n::unx_sec_group_guard;
 std::string unxs_n::unx_sec_group;
 
-// (random seed guard, platform description, random counters, system
-// random source, UUID state and time zone, fatal-signal
-// guard and allocation counters go here. The run-time statistics mode and
-// the quotation counters are plain zero-initialised values defined beside
-// their code: they need no construction, so their place in the order is
-// only nominal.)
+// (random seed guard goes here)
+
+// The running kernel's version numbers, then the platform description,
+// which depends on nothing else made here.
+q_uint32_t platform_linux_version_1 = platform_base_t::release_number(0);
+q_uint32_t platform_linux_version_2 = platform_base_t::release_number(1);
+q_uint32_t platform_linux_version_3 = platform_base_t::release_number(2);
+platform_base_t platform_t::base;
+
+// (random counters, system random source, UUID state and time zone go here)
+
+// Guards the fatal-signal report's state for programs that share it.
+mutex_t post_morten_dump_flag_guard;
+
+// (allocation counters go here. The run-time statistics mode and the
+// quotation counters are plain zero-initialised values defined beside their
+// code: they need no construction, so their place in the order is only
+// nominal.)
 
 // What runnable_t::sleep waits on; nothing signals it.
 event_t kern_runnable_sleep_event(false, false);

@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
-#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -23,6 +22,7 @@
 #include "exceptions.h"
 #include "loggers.h"
 #include "numstrings.h"
+#include "platform.h"
 #include "utilities.h"
 
 namespace kern_n {
@@ -141,23 +141,6 @@ bool read_file(char const* path, std::string& out) {
     }
     ::close(fd);
     return true;
-}
-
-// Whether the running kernel's release is a.b.c or later, from uname. The
-// platform description will answer this once it is part of the library.
-bool linux_greater_or_equal(unsigned a, unsigned b, unsigned c) noexcept {
-    struct utsname u;
-    if (::uname(&u) != 0) return false;
-    unsigned v[3] = {0, 0, 0};
-    char const* p = u.release;
-    for (int i = 0; i < 3; ++i) {
-        while (*p >= '0' && *p <= '9') v[i] = v[i] * 10 + static_cast<unsigned>(*p++ - '0');
-        while (*p && *p != '.') ++p;  // the rest of this field
-        if (*p == '.') ++p;
-    }
-    if (v[0] != a) return v[0] > a;
-    if (v[1] != b) return v[1] > b;
-    return v[2] >= c;
 }
 
 void log_debug(char const* fmt, char const* reason) {
@@ -476,7 +459,7 @@ void runnable_t::paging_usage(q_uint64_t* minor, q_uint64_t* major, q_uint64_t* 
 
 void runnable_t::io_usage(q_uint64_t* reads, q_uint64_t* writes) {
     if (!reads && !writes) return;
-    if (!linux_greater_or_equal(2, 6, 22)) {
+    if (!platform_base_t::is_linux_greater_or_equal(2, 6, 22)) {
         proc_io(reads, writes);
         return;
     }

@@ -1,7 +1,9 @@
-// unx-utils.cc: account look-ups and daemonising.
+// unx-utils.cc: account look-ups, daemonising, the host name and the number
+// of processors.
 #include "unx-utils.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <grp.h>
 #include <pwd.h>
 #include <unistd.h>
@@ -10,6 +12,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "_kern.h"
 #include "numeric-triades.h"
 
 // Constants of the image, in place before any initialiser runs; the names
@@ -127,4 +130,23 @@ extern "C" int daemonize(int nochdir, int noclose) {
     else
         fcntl(fd, F_SETFD, 0);
     return 0;
+}
+
+std::string machine_name() {
+    char name[256];
+    if (::gethostname(name, sizeof name) != 0) return std::string();
+    name[sizeof name - 1] = '\0';
+    return name;
+}
+
+unsigned cpu_found() {
+    unsigned long const wanted = env_get_number("QVLSRV_CPUs", 0);
+    if (wanted != 0) return wanted > 65536 ? 65536u : static_cast<unsigned>(wanted);
+    cpu_set_t set;
+    if (::sched_getaffinity(0, sizeof set, &set) == 0) {
+        int const n = CPU_COUNT(&set);
+        if (n > 0) return static_cast<unsigned>(n);
+    }
+    long const online = ::sysconf(_SC_NPROCESSORS_ONLN);
+    return online > 0 ? static_cast<unsigned>(online) : 1u;
 }

@@ -180,3 +180,28 @@ TEST(daemonize, detaches_with_both_flags) {
     unlink(file.c_str());
     rmdir(dir);
 }
+
+// The host name is the kernel's; the processor count follows the affinity and QVLSRV_CPUs, read on each call.
+TEST(host, machine_name_and_cpu_count) {
+    char name[256] = {};
+    ASSERT_EQ(gethostname(name, sizeof name - 1), 0);
+    EXPECT_EQ(machine_name(), name);
+    cpu_set_t set;
+    ASSERT_EQ(sched_getaffinity(0, sizeof set, &set), 0);
+    unsigned const mine = static_cast<unsigned>(CPU_COUNT(&set));
+    struct { char const* value; unsigned count; } const cases[] = {
+        {nullptr, mine}, {"3", 3}, {"1", 1}, {"0", mine}, {"abc", mine}, {"", mine}, {"1k", 1024}, {"99999", 65536},
+    };
+    for (auto const& c : cases) {
+        if (c.value) setenv("QVLSRV_CPUs", c.value, 1); else unsetenv("QVLSRV_CPUs");
+        EXPECT_EQ(cpu_found(), c.count) << (c.value ? c.value : "unset");
+    }
+    unsetenv("QVLSRV_CPUs");
+    // One processor allowed: the count follows.
+    CPU_ZERO(&set);
+    CPU_SET(0, &set);
+    std::thread([&] {
+        ASSERT_EQ(sched_setaffinity(0, sizeof set, &set), 0);
+        EXPECT_EQ(cpu_found(), 1u);
+    }).join();
+}
