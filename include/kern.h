@@ -8,6 +8,8 @@
 #include "common-utils.h"
 #include "dynamic_library.h"
 #include "exceptions.h"
+#include "filestr.h"
+#include "fs-stat.h"
 #include "loggers.h"
 #include "lwp.h"
 #include "numstrings-int.h"
