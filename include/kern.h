@@ -16,6 +16,7 @@
 #include "numstrings.h"
 #include "numeric-triades.h"
 #include "quote-utils.h"
+#include "random.h"
 #include "runnable.h"
 #include "syncers.h"
 #include "time-objs.h"

@@ -16,8 +16,13 @@
 // allocation counters, sleep event, banner. A comment in parentheses keeps
 // the place of objects not written yet. No exported function may be called
 // before the last of them is built.
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <string>
 
 #include "_kern.h"
@@ -26,6 +31,8 @@
 #include "exceptions.h"
 #include "loggers.h"
 #include "numstrings.h"
+#include "random-int.h"
+#include "random.h"
 #include "runnable.h"
 #include "syncers.h"
 #include "unicode.h"
@@ -117,12 +124,54 @@ kern::dynalib::cache::sh_storage_t kern::dynalib::cache::s_storage;
 timegap_t kern::dynalib::cache::s_time_to_live(static_cast<long>(env_get_number("QVLSRV_DYNALIB_TTL", 60)), 0);
 std::string kern::dynalib::cache::s_libdir;
 
-// (user and group guards, random seed guard, platform description, random
-// counters, system random source, UUID state and time zone, fatal-signal
-// guard and allocation counters go here. The run-time statistics mode and
-// the quotation counters are plain zero-initialised values defined beside
-// their code: they need no construction, so their place in the order is
-// only nominal.)
+// (user and group guards go here)
+
+namespace {
+
+// The guard of the system random source, built before the source itself.
+mutex_t s_sysrnd_guard;
+
+// Spreads the bits of a process or thread id over a 64-bit word.
+q_uint64_t seed_mix(q_uint64_t x) noexcept { return (x << 27) ^ (x << 21) ^ x ^ (x << 17) ^ (x << 7); }
+
+// The C library's generator, which fills a random_t's seed when
+// /dev/urandom cannot be read: seeded from the process, the loading thread
+// and the clock's 100-nanosecond count within its tenth of a second.
+struct crand_seed_t {
+    crand_seed_t() {
+        q_uint64_t const p = static_cast<q_uint64_t>(getpid());
+        q_uint64_t const t = static_cast<q_uint64_t>(syscall(SYS_gettid));
+        q_uint64_t const clock = static_cast<q_uint64_t>(kern::time::now().ticks() / 10) % 1000000;
+        srand(static_cast<unsigned>(seed_mix(p) ^ clock ^ (seed_mix(t) << 16)));
+    }
+} const s_crand_seed;
+
+}  // namespace
+
+// (platform description goes here)
+
+// Random and identifier counters. They, like the run-time statistics mode
+// and the quotation counters defined beside their code, are constant-
+// initialised: their place in the order is only nominal.
+std::atomic<q_uint64_t> kern::random::stat::calls{0};
+std::atomic<q_uint64_t> kern::random::stat::time{0};
+std::atomic<q_uint64_t> kern::guid::stat::calls{0};
+std::atomic<q_uint64_t> kern::guid::stat::time{0};
+
+// The system random source, seeded from /dev/urandom.
+random_t sysrnd(&s_sysrnd_guard);
+
+// The identifier generator's state, seeded from the environment and
+// sysrnd; then the process's time zone.
+kern::uuid::state_t kern::uuid::state;
+static struct uuid_and_zone_t {
+    uuid_and_zone_t() {
+        init_int_uuid();
+        tzset();
+    }
+} const s_uuid_and_zone;
+
+// (fatal-signal guard and allocation counters go here)
 
 // What runnable_t::sleep waits on; nothing signals it.
 event_t kern_runnable_sleep_event(false, false);
