@@ -70,19 +70,17 @@ public:
     // The next value. A block is handed out from its last word to its
     // first; the 257th draw refills it.
     q_uint32_t rand() {
-        if (lock_ != nullptr || kern::runtime::stat::mode_s_ != 0) return rand_counted();
-        if (__builtin_expect(counter_ == 0, 0)) {
-            refill();
-            counter_ = words;
-        }
-        return results_[--counter_];
+        // The lock first: a shared generator's counter is read only under it.
+        if (__builtin_expect(lock_ == nullptr && counter_ != 0 && kern::runtime::stat::mode_s_ == 0, 1))
+            return results_[--counter_];
+        return rand_slow();
     }
 
 private:
     // ISAAC's core step over the whole block.
     void refill() noexcept;
-    // rand() under the lock and with the statistics.
-    q_uint32_t rand_counted();
+    // rand() with a refill, under the lock, or with the statistics.
+    q_uint32_t rand_slow();
 
     q_uint32_t counter_;  // unread results left
     q_uint32_t results_[words];

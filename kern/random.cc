@@ -84,26 +84,28 @@ void random_t::init() noexcept {
 void random_t::refill() noexcept {
     q_uint32_t a = a_, b = b_ + ++c_;
     q_uint32_t* const m = memory_;
+    // j's partner word k is half the block away: (j + 128) mod 256.
+    auto const step = [&](unsigned j, unsigned k, q_uint32_t mixed) {
+        q_uint32_t const x = m[j];
+        a = mixed + m[k];
+        q_uint32_t const y = m[(x >> 2) & 255] + a + b;
+        m[j] = y;
+        b = m[(y >> 10) & 255] + x;
+        results_[j] = b;
+    };
     // Four steps per round, one for each of the accumulator's shifts.
     for (unsigned i = 0; i < words; i += 4) {
-        auto const step = [&](unsigned j, q_uint32_t mixed) {
-            q_uint32_t const x = m[j];
-            a = mixed + m[(j + 128) & 255];
-            q_uint32_t const y = m[(x >> 2) & 255] + a + b;
-            m[j] = y;
-            b = m[(y >> 10) & 255] + x;
-            results_[j] = b;
-        };
-        step(i, a ^ (a << 13));
-        step(i + 1, a ^ (a >> 6));
-        step(i + 2, a ^ (a << 2));
-        step(i + 3, a ^ (a >> 16));
+        unsigned const k = i ^ 128;
+        step(i, k, a ^ (a << 13));
+        step(i + 1, k + 1, a ^ (a >> 6));
+        step(i + 2, k + 2, a ^ (a << 2));
+        step(i + 3, k + 3, a ^ (a >> 16));
     }
     a_ = a;
     b_ = b;
 }
 
-q_uint32_t random_t::rand_counted() {
+q_uint32_t random_t::rand_slow() {
     kern::runtime::stat::scoped_time_t timing(kern::random::stat::time);
     if (timing.on()) kern::random::stat::calls.fetch_add(1, std::memory_order_relaxed);
     late_locker_t<mutex_t> hold;
