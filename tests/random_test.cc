@@ -229,6 +229,18 @@ TEST(Uuid, KernelFileByDefault) {
     EXPECT_EQ(std::strlen(a), 36u);
     EXPECT_STRNE(a, b);
     EXPECT_EQ(a[14], '4') << a;  // the kernel's random identifiers
+    // Each identifier and each seeding opens a file: none stays open.
+    auto const fds = [] {
+        int n = 0;
+        for (int fd = 0; fd < 1024; ++fd) n += fcntl(fd, F_GETFD) != -1;
+        return n;
+    };
+    int const before = fds();
+    for (int i = 0; i < 10000; ++i) {
+        get_uuid(a);
+        random_t r;
+    }
+    EXPECT_EQ(fds(), before);
 }
 
 // QVLSRV_INTERNAL_UUID, even empty: one thread's identifiers never go back in
