@@ -224,4 +224,6 @@ void lstr2file(lstr_t const& path, lstr_t const& data, int flags) {
         QVL_THROW_ERRNO(io_error_exception, "unable to close file \"%s\" because of %s", name);
 }
 
-void kern_n::create_path_to_file(lstr_t const& file) { make_dir(parent_of(std::string(file.data(), file.size())), false); }
+void kern_n::create_path_to_file(lstr_t const& file) {
+    make_dir(parent_of(std::string(file.data(), file.size())), false);
+}

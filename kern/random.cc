@@ -170,7 +170,8 @@ void step_state(kern::uuid::state_t& s, q_uint64_t t, q_uint64_t& v, q_uint32_t&
     seq = ++s.clock_seq;
     if (t != s.last_time) {
         q_int64_t const ahead = static_cast<q_int64_t>(s.last_time) + static_cast<std::int32_t>(s.adjust);
-        s.adjust = static_cast<q_int64_t>(t) < ahead ? static_cast<q_uint32_t>(ahead + 1 - static_cast<q_int64_t>(t)) : 0;
+        q_int64_t const now = static_cast<q_int64_t>(t);
+        s.adjust = now < ahead ? static_cast<q_uint32_t>(ahead + 1 - now) : 0;
         s.last_time = t;
     } else {
         ++s.adjust;
@@ -236,8 +237,8 @@ extern "C" void init_int_uuid() {
     // only tells the reader of a debug log what to expect.
     if (!kern::uuid::use_internal_generator && ::access(k_uuid_file, R_OK) != 0 &&
         if_logger_t::Log->is_logged(if_logger_t::DEBUG))
-        if_logger_t::Log->log_DEBUG("[UUID] File \"%s\" is not readable: identifiers will come from the internal "
-                                    "generator", k_uuid_file);
+        if_logger_t::Log->log_DEBUG("[UUID] File \"%s\" is not readable: identifiers come from the internal "
+                                    "generator while it stays so", k_uuid_file);
 }
 
 extern "C" void get_uuid(char* out) noexcept {

@@ -1,4 +1,4 @@
-// ISAAC random numbers against a reference computation, shared generators, and identifiers.
+// ISAAC against a reference computation, shared generators, and identifiers.
 #include "random.h"
 
 #include <fcntl.h>
@@ -17,67 +17,49 @@
 #include <thread>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "code-exec-time.h"
 #include "syncers.h"
 
 namespace {
 
 typedef std::uint32_t ub4;
 
-// ISAAC as its author published it (pointer walk, seeding with the flag
-// set), written apart from the library's version.
+// ISAAC as its author published it (a pointer walk over the two halves,
+// seeding with the flag set), written apart from the library's version.
 struct ref_isaac_t {
     ub4 randrsl[256] = {}, mm[256], aa = 0, bb = 0, cc = 0;
-
-#define ind(x) (*(ub4*)((unsigned char*)mm + ((x) & (255 << 2))))
-#define rngstep(mix)                          \
-    {                                         \
-        x = *m;                               \
-        a = (a ^ (mix)) + *(m2++);            \
-        *(m++) = y = ind(x) + a + b;          \
-        *(r++) = b = ind(y >> 8) + x;         \
-    }
+#define ind(x) mm[((x) >> 2) & 255]
+#define step(mix) x = *m, a = (a ^ (mix)) + *(m2++), *(m++) = y = ind(x) + a + b, *(r++) = b = ind(y >> 8) + x;
     void isaac() {
-        ub4 a = aa, b = bb + (++cc), x, y, *m = mm, *m2 = mm + 128, *r = randrsl, *mend = m2;
-        for (; m < mend;) { rngstep(a << 13); rngstep(a >> 6); rngstep(a << 2); rngstep(a >> 16); }
-        for (m2 = mm; m2 < mend;) { rngstep(a << 13); rngstep(a >> 6); rngstep(a << 2); rngstep(a >> 16); }
-        bb = b;
-        aa = a;
+        ub4 a = aa, b = bb + ++cc, x, y, *m = mm, *m2 = mm + 128, *r = randrsl, *mend = m2;
+        for (; m < mend;) { step(a << 13) step(a >> 6) step(a << 2) step(a >> 16) }
+        for (m2 = mm; m2 < mend;) { step(a << 13) step(a >> 6) step(a << 2) step(a >> 16) }
+        aa = a, bb = b;
     }
-#undef rngstep
+#undef step
 #undef ind
-#define mix(a, b, c, d, e, f, g, h) \
-    {                               \
-        a ^= b << 11; d += a; b += c; \
-        b ^= c >> 2; e += b; c += d;  \
-        c ^= d << 8; f += c; d += e;  \
-        d ^= e >> 16; g += d; e += f; \
-        e ^= f << 10; h += e; f += g; \
-        f ^= g >> 4; a += f; g += h;  \
-        g ^= h << 8; b += g; h += a;  \
-        h ^= a >> 9; c += h; a += b;  \
-    }
     void randinit() {
         ub4 a, b, c, d, e, f, g, h;
         a = b = c = d = e = f = g = h = 0x9e3779b9;
-        for (int i = 0; i < 4; ++i) mix(a, b, c, d, e, f, g, h);
-        for (int pass = 0; pass < 2; ++pass) {
-            ub4 const* src = pass ? mm : randrsl;
+#define mix() a ^= b << 11, d += a, b += c, b ^= c >> 2, e += b, c += d, c ^= d << 8, f += c, d += e, d ^= e >> 16, \
+              g += d, e += f, e ^= f << 10, h += e, f += g, f ^= g >> 4, a += f, g += h, g ^= h << 8, b += g, h += a, \
+              h ^= a >> 9, c += h, a += b
+        for (int i = 0; i < 4; ++i) mix();
+        for (ub4 const* s : {randrsl, mm}) {
             for (int i = 0; i < 256; i += 8) {
-                a += src[i]; b += src[i + 1]; c += src[i + 2]; d += src[i + 3];
-                e += src[i + 4]; f += src[i + 5]; g += src[i + 6]; h += src[i + 7];
-                mix(a, b, c, d, e, f, g, h);
-                mm[i] = a; mm[i + 1] = b; mm[i + 2] = c; mm[i + 3] = d;
-                mm[i + 4] = e; mm[i + 5] = f; mm[i + 6] = g; mm[i + 7] = h;
+                a += s[i], b += s[i + 1], c += s[i + 2], d += s[i + 3], e += s[i + 4], f += s[i + 5], g += s[i + 6];
+                h += s[i + 7];
+                mix();
+                mm[i] = a, mm[i + 1] = b, mm[i + 2] = c, mm[i + 3] = d, mm[i + 4] = e, mm[i + 5] = f, mm[i + 6] = g;
+                mm[i + 7] = h;
             }
         }
+#undef mix
         isaac();
     }
-#undef mix
-
-    // The next block, first word first.
+    // The current block, first word first, then the next one is made.
     std::vector<ub4> block() {
         std::vector<ub4> v(randrsl, randrsl + 256);
         isaac();
@@ -85,14 +67,15 @@ struct ref_isaac_t {
     }
 };
 
-// The next 256 draws, put back in block order (a block is handed out last word first).
+// The next 256 draws in block order (a block is handed out last word first).
 std::vector<ub4> draw_block(random_t& r) {
     std::vector<ub4> v(256);
     for (int i = 255; i >= 0; --i) v[i] = r.rand();
     return v;
 }
 
-// Runs one test of this program again in a child with the variables set; true in that child.
+// Runs one test of this program again in a child with the variables set;
+// true in that child. With mounts, the child gets a mount namespace of its own.
 bool in_child(char const* test, std::vector<char const*> env = {}) {
     if (getenv("RANDOM_TEST_CHILD")) return true;
     pid_t const pid = fork();
@@ -109,8 +92,9 @@ bool in_child(char const* test, std::vector<char const*> env = {}) {
     return false;
 }
 
-bool private_mounts() {
-    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+bool private_mount(char const* over) {
+    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("tmpfs", over, "tmpfs", 0, "size=64k") == 0;
 }
 
 TEST(Isaac, WholeBlocksMatchTheReference) {
@@ -123,60 +107,49 @@ TEST(Isaac, WholeBlocksMatchTheReference) {
         ref.randinit();
         for (int b = 0; b < 3; ++b) EXPECT_EQ(draw_block(r), ref.block()) << "block " << b;
     }
-    random_t r(zeros);
-    EXPECT_EQ(r.rand(), 0x182600f3u);  // the last word of the block seeding made
+    EXPECT_EQ(random_t(zeros).rand(), 0x182600f3u);  // the last word of the block that seeding made
 }
 
-// Eight threads draw from one generator behind a mutex: together they get
-// exactly the values one thread would have drawn.
-TEST(Isaac, SharedGeneratorHandsOutEachValueOnce) {
+// Eight threads drawing from one generator behind a mutex get, together,
+// exactly the values one thread would have drawn. Statistics count draws
+// and identifiers only while they are on.
+TEST(Isaac, SharedGeneratorAndStatistics) {
     unsigned int seed[256];
     for (unsigned i = 0; i < 256; ++i) seed[i] = i ^ 0x5a5a5a5a;
     mutex_t lock;
     random_t shared(seed, &lock), alone(seed);
     int const threads = 8, per = 20000;
-    std::vector<std::vector<ub4>> got(threads);
+    std::vector<ub4> all(threads * per), want(threads * per);
     std::vector<std::thread> ts;
     for (int t = 0; t < threads; ++t)
-        ts.emplace_back([&, t] {
-            for (int i = 0; i < per; ++i) got[t].push_back(shared.rand());
-        });
-    std::vector<ub4> all, want;
-    for (int t = 0; t < threads; ++t) {
-        ts[t].join();
-        all.insert(all.end(), got[t].begin(), got[t].end());
-    }
-    for (int i = 0; i < threads * per; ++i) want.push_back(alone.rand());
+        ts.emplace_back([&, t] { std::generate_n(&all[t * per], per, [&] { return shared.rand(); }); });
+    for (auto& t : ts) t.join();
+    std::generate(want.begin(), want.end(), [&] { return alone.rand(); });
     std::sort(all.begin(), all.end());
     std::sort(want.begin(), want.end());
     EXPECT_TRUE(all == want);
-}
 
-TEST(Isaac, StatisticsOnlyWhileOn) {
-    unsigned int seed[256] = {};
-    char id[37];
-    auto const calls = kern::random::stat::calls.load(), ids = kern::guid::stat::calls.load();
-    auto const time = kern::random::stat::time.load(), id_time = kern::guid::stat::time.load();
+    namespace r = kern::random::stat;
+    namespace g = kern::guid::stat;
+    std::uint64_t const before[] = {r::calls, r::time, g::calls, g::time};
     for (kern::runtime::stat::mode_t mode : {0, 1, 2}) {
         kern::runtime::stat::mode_s_ = mode;
-        random_t r(seed);
-        for (int i = 0; i < 300; ++i) r.rand();
+        random_t own(seed);
+        for (int i = 0; i < 300; ++i) own.rand();
+        char id[37];
         for (int i = 0; i < 5; ++i) get_uuid(id);
     }
     kern::runtime::stat::mode_s_ = 0;
-    EXPECT_EQ(kern::random::stat::calls - calls, 600u);  // two modes on, 300 draws each
-    EXPECT_EQ(kern::guid::stat::calls - ids, 10u);
-    EXPECT_GT(kern::random::stat::time.load(), time);
-    EXPECT_GT(kern::guid::stat::time.load(), id_time);
+    EXPECT_EQ(r::calls - before[0], 600u);  // two modes on, 300 draws each
+    EXPECT_EQ(g::calls - before[2], 10u);
+    EXPECT_TRUE(r::time > before[1] && g::time > before[3]);
 }
 
 // Without /dev/urandom the seed comes from the C library's rand().
 TEST(Isaac, SeedsFromRandWithoutUrandom) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to hide /dev/urandom";
     if (!in_child("Isaac.SeedsFromRandWithoutUrandom")) return;
-    if (!private_mounts() || mount("tmpfs", "/dev", "tmpfs", 0, "size=64k") != 0)
-        GTEST_SKIP() << "cannot mount a private /dev: " << std::strerror(errno);
-    ASSERT_NE(access("/dev/urandom", F_OK), 0);
+    if (!private_mount("/dev")) GTEST_SKIP() << "cannot mount a private /dev: " << std::strerror(errno);
     ref_isaac_t ref;
     srand(7);
     for (ub4& w : ref.randrsl) w = static_cast<ub4>(rand());
@@ -188,11 +161,12 @@ TEST(Isaac, SeedsFromRandWithoutUrandom) {
 
 // --- identifiers ---------------------------------------------------------------------------
 
-// The time value of an internal identifier (bytes lowest first, the version digit skipped).
+// The time value of an internal identifier: bytes 0 to 6 lowest first, then
+// the low nibble of byte 7 after the version digit.
 std::uint64_t time_of(char const* id) {
-    static int const at[7] = {0, 2, 4, 6, 9, 11, 14};
     std::uint64_t v = std::stoull(std::string(id + 17, 1), nullptr, 16) << 56;
-    for (int k = 0; k < 7; ++k) v |= std::stoull(std::string(id + at[k], 2), nullptr, 16) << (8 * k);
+    int k = 0;
+    for (int at : {0, 2, 4, 6, 9, 11, 14}) v |= std::stoull(std::string(id + at, 2), nullptr, 16) << (8 * k++);
     return v;
 }
 
@@ -202,33 +176,23 @@ std::uint64_t now_100ns() {
     return std::uint64_t(tv.tv_sec) * 10000000 + std::uint64_t(tv.tv_usec) * 10 + 0x01B21DD213814000ULL;
 }
 
-// The node's first two bytes, from a process id.
-std::string pid_node(pid_t pid) {
+// An internal identifier of process pid: version digit 1, clock sequence
+// digit 0 to 3, the node's first two bytes from the pid (top bit set).
+testing::Matcher<char const*> internal_of(pid_t pid) {
     unsigned const v = (unsigned(pid) << 7) ^ unsigned(pid);
-    char buf[5];
-    std::snprintf(buf, sizeof buf, "%02x%02x", (v | 0x80) & 0xff, (v >> 8) & 0xff);
-    return buf;
+    char node[5];
+    std::snprintf(node, sizeof node, "%02x%02x", (v | 0x80) & 0xff, (v >> 8) & 0xff);
+    return testing::MatchesRegex(std::string("[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{2}1[0-9a-f]-[0-3][0-9a-f]{3}-") + node +
+                                 "[0-9a-f]{8}");
 }
 
-void expect_internal(char const* id) {
-    ASSERT_EQ(std::strlen(id), 36u);
-    for (int i = 0; i < 36; ++i)
-        EXPECT_TRUE(i == 8 || i == 13 || i == 18 || i == 23 ? id[i] == '-' : std::isxdigit(id[i]) && !std::isupper(id[i]))
-            << id;
-    EXPECT_EQ(id[16], '1') << id;
-    EXPECT_TRUE(id[19] >= '0' && id[19] <= '3') << id;
-    EXPECT_TRUE(std::strchr("89abcdef", id[24])) << id;
-    EXPECT_EQ(std::string(id + 24, 4), pid_node(getpid())) << id;
-}
-
-TEST(Uuid, KernelFileByDefault) {
+TEST(Uuid, KernelFileByDefaultLeavesNoDescriptor) {
     EXPECT_FALSE(kern::uuid::use_internal_generator);
     char a[37], b[37];
     get_uuid(a);
     get_uuid(b);
-    EXPECT_EQ(std::strlen(a), 36u);
+    EXPECT_THAT(a, testing::MatchesRegex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[0-9a-f]{4}-[0-9a-f]{12}"));
     EXPECT_STRNE(a, b);
-    EXPECT_EQ(a[14], '4') << a;  // the kernel's random identifiers
     // Each identifier and each seeding opens a file: none stays open.
     auto const fds = [] {
         int n = 0;
@@ -236,10 +200,7 @@ TEST(Uuid, KernelFileByDefault) {
         return n;
     };
     int const before = fds();
-    for (int i = 0; i < 10000; ++i) {
-        get_uuid(a);
-        random_t r;
-    }
+    for (int i = 0; i < 10000; ++i) get_uuid(a), random_t();
     EXPECT_EQ(fds(), before);
 }
 
@@ -254,27 +215,22 @@ TEST(Uuid, InternalGeneratorLayout) {
     unsigned last_seq = 0;
     for (int i = 0; i < 1000; ++i) {
         get_uuid(id);
-        expect_internal(id);
+        ASSERT_THAT(id, internal_of(getpid()));
         unsigned const seq = unsigned(std::stoul(std::string(id + 19, 4), nullptr, 16));
-        std::uint64_t const v = time_of(id);
-        if (i != 0) {
-            EXPECT_GE(v, last) << id;
-            EXPECT_EQ(seq, (last_seq + 1) & 0x3fff) << id;
-        }
-        last = v;
+        EXPECT_TRUE(i == 0 || (time_of(id) >= last && seq == ((last_seq + 1) & 0x3fff))) << id;
+        last = time_of(id);
         last_seq = seq;
     }
-    EXPECT_GE(time_of(id), before);
-    EXPECT_LE(time_of(id), now_100ns() + 1000);  // at most one step ahead per identifier
+    EXPECT_GE(last, before);
+    EXPECT_LE(last, now_100ns() + 1000);  // at most one step ahead per identifier
 }
 
-// A missing or short kernel file: internal identifiers, the first ten failures logged.
+// A short, then a missing kernel file: internal identifiers, the first ten failures logged.
 TEST(Uuid, UnreadableFileFallsBackAndLogsTenTimes) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to hide the kernel's file";
     if (!in_child("Uuid.UnreadableFileFallsBackAndLogsTenTimes", {"QVLSRV_NO_LASTREPEAT=1"})) return;
     char const* const file = "/proc/sys/kernel/random/uuid";
-    if (!private_mounts() || mount("tmpfs", "/proc/sys/kernel/random", "tmpfs", 0, "size=64k") != 0)
-        GTEST_SKIP() << "cannot hide the kernel's file: " << std::strerror(errno);
+    if (!private_mount("/proc/sys/kernel/random")) GTEST_SKIP() << "cannot hide it: " << std::strerror(errno);
     int const fd = open(file, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
     ASSERT_EQ(write(fd, "0123456789abcdef\n", 17), 17);
     close(fd);
@@ -282,12 +238,10 @@ TEST(Uuid, UnreadableFileFallsBackAndLogsTenTimes) {
     int const out = mkstemp(log), saved = dup(2);
     dup2(out, 2);
     char id[37];
-    get_uuid(id);
-    expect_internal(id);
-    unlink(file);
-    for (int i = 0; i < 14; ++i) {
+    for (int i = 0; i < 15; ++i) {
         get_uuid(id);
-        expect_internal(id);
+        EXPECT_THAT(id, internal_of(getpid()));
+        unlink(file);
     }
     dup2(saved, 2);
     std::string text(1 << 16, '\0');
@@ -317,7 +271,7 @@ TEST(Uuid, InternalIdentifiersAreUnique) {
     for (auto& t : ts) t.join();
     std::sort(ids.begin(), ids.end());
     EXPECT_TRUE(std::adjacent_find(ids.begin(), ids.end()) == ids.end());
-    expect_internal(ids[0].data());
+    EXPECT_THAT(ids[0].data(), internal_of(getpid()));
 
     int p[2];
     ASSERT_EQ(pipe(p), 0);
@@ -332,7 +286,7 @@ TEST(Uuid, InternalIdentifiersAreUnique) {
     waitpid(pid, nullptr, 0);
     close(p[0]);
     close(p[1]);
-    EXPECT_EQ(std::string(id + 24, 4), pid_node(pid)) << id;
+    EXPECT_THAT(id, internal_of(pid));
     kern::uuid::use_internal_generator = false;
 }
 
