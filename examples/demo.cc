@@ -202,6 +202,35 @@ void show_unicode() {
                 hex_dump_just_mem(cp1251.data(), cp1251.size()).c_str(), back.c_str());
 }
 
+// --- identifiers and files ---------------------------------------------
+
+// A session record named by a random identifier, written whole (private,
+// its directory created on the way) and read back.
+void identifiers_and_files() {
+    section("identifiers and files");
+    char uuid[37];
+    get_uuid(uuid);
+    std::string session;
+    random_string(session, 12, 16);
+    std::printf("  machine uuid: %s%s\n", uuid, kern::uuid::use_internal_generator ? " (internal)" : "");
+    std::printf("  session id:   %s (%zu characters)\n", session.c_str(), session.size());
+    std::string const path = "demo-state/sessions/" + session;
+    std::string const record = "uuid=" + std::string(uuid) + "\nsession=" + session + "\n";
+    lstr2file(path, record, kern::file::create_path | kern::file::private_mode | kern::file::sync);
+    std::string back;
+    read_entire_file(back, path.c_str());
+    std::printf("  wrote %s: %zu bytes, read back %s\n", path.c_str(), record.size(),
+                back == record ? "identical" : "DIFFERENT");
+    q_uint64_t avail = 0;
+    if (kern_n::fs_stat(path.c_str(), &avail, nullptr))
+        std::printf("  free there:   %s\n", kilobytes(avail, true).c_str());
+    try {
+        read_entire_file(back, "demo-state/missing");
+    } catch (io_error_exception_shell_t const& e) {
+        std::printf("  a missing one: %s\n", e.what());
+    }
+}
+
 // --- logging -------------------------------------------------------------
 
 // The second logger of the chain, on a file of the demo's own.
@@ -382,6 +411,7 @@ int main(int argc, char** argv) {
     show_time();
     show_quoting();
     show_unicode();
+    identifiers_and_files();
     main_entry_t main_entry;
     kern_n::runnable_t::wrap_helper_t adopt_main(&main_entry);
     int chain_fd = start_logging(opts.verbose);

@@ -14,6 +14,7 @@
 //   QVLSRV_NO_LASTREPEAT        presence: fd_logger_t::last_repeated_avail = false
 //   QVLSRV_DEBUG_DYNALIB        presence: kern::dynalib::DEBUG = true
 //   QVLSRV_DYNALIB_TTL          idle seconds of a cached module, default 60
+//   QVLSRV_INTERNAL_UUID        presence: get_uuid makes identifiers itself (random.h)
 //
 // Thread safety: kern_signature may be called from any thread. The two
 // environment helpers are as safe as the C library's getenv and setenv:

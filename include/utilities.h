@@ -3,16 +3,16 @@
 // q_format builds printf-style texts into a std::string; get_last_error turns
 // an errno value into "<system text> (errno=N)"; split_error breaks a chained
 // error text ("a because of b; c") into one line per cause. Beside them:
-// whitespace trimming, field counting, three forms of memory dump,
-// hexadecimal digit values and a population count.
+// whitespace trimming, field counting, random identifiers, three forms of
+// memory dump, hexadecimal digit values and a population count.
 //
 //   error_saver_t saved;  // right after the failing call
 //   QVL_THROW(io_error_exception, "unable to open \"%s\" because of %s",
 //             name, get_last_error(saved).c_str());
 //
 // Thread safety: all functions are free of shared state; get_last_error uses
-// the reentrant form of the system's error table. Distinct arguments need no
-// locking.
+// the reentrant form of the system's error table; random_string draws from
+// the shared, locked sysrnd. Distinct arguments need no locking.
 //
 // Choices left open elsewhere and made here:
 //  - The error texts are the C library's own (strerror_r).
@@ -22,6 +22,8 @@
 //    into out, so that an argument may point into out
 //    (q_format(s, "%s!", s.c_str())). A failed first pass leaves what the
 //    formatter wrote, padded with NULs to 1024 characters.
+//  - random_string with max below min writes min characters (the modulus
+//    max - min + 1 would be zero or negative there).
 #ifndef QVLKERN_UTILITIES_H
 #define QVLKERN_UTILITIES_H
 
@@ -83,6 +85,10 @@ QVL_API void trim_string(std::string& s);
 QVL_API unsigned long how_words(std::string const& s, char separator) noexcept;
 // Replaces every backslash with a slash in the characters s points to.
 QVL_API void rotate_slashes_real(lstr_t const& s) noexcept;
+// Appends min + (a random value modulo max - min + 1) characters, min when
+// max is not above min (none for a negative min), each picked at random
+// from the 62 letters and digits. Draws from sysrnd (random.h).
+QVL_API void random_string(std::string& out, int min, int max);
 
 // --- memory dumps -------------------------------------------------------------------
 // Each byte as two lower-case hexadecimal digits, nothing between them.

@@ -16,9 +16,14 @@
 // allocation counters, sleep event, banner. A comment in parentheses keeps
 // the place of objects not written yet. No exported function may be called
 // before the last of them is built.
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <string>
 
 #include "_kern.h"
@@ -28,6 +33,8 @@
 #include "loggers.h"
 #include "numstrings.h"
 #include "platform.h"
+#include "random-int.h"
+#include "random.h"
 #include "runnable.h"
 #include "syncers.h"
 #include "unicode.h"
@@ -133,7 +140,27 @@ std::string unxs_n::unx_sec_user;
 mutex_t unxs_n::unx_sec_group_guard;
 std::string unxs_n::unx_sec_group;
 
-// (random seed guard goes here)
+namespace {
+
+// The guard of the system random source, built before the source itself.
+mutex_t s_sysrnd_guard;
+
+// Spreads the bits of a process or thread id over a 64-bit word.
+q_uint64_t seed_mix(q_uint64_t x) noexcept { return (x << 27) ^ (x << 21) ^ x ^ (x << 17) ^ (x << 7); }
+
+// The C library's generator, which fills a random_t's seed when
+// /dev/urandom cannot be read: seeded from the process, the loading thread
+// and the clock's 100-nanosecond count within its tenth of a second.
+struct crand_seed_t {
+    crand_seed_t() {
+        q_uint64_t const p = static_cast<q_uint64_t>(getpid());
+        q_uint64_t const t = static_cast<q_uint64_t>(syscall(SYS_gettid));
+        q_uint64_t const clock = static_cast<q_uint64_t>(kern::time::now().ticks() / 10) % 1000000;
+        srand(static_cast<unsigned>(seed_mix(p) ^ clock ^ (seed_mix(t) << 16)));
+    }
+} const s_crand_seed;
+
+}  // namespace
 
 // The running kernel's version numbers, then the platform description,
 // which depends on nothing else made here.
@@ -142,7 +169,26 @@ q_uint32_t platform_linux_version_2 = platform_base_t::release_number(1);
 q_uint32_t platform_linux_version_3 = platform_base_t::release_number(2);
 platform_base_t platform_t::base;
 
-// (random counters, system random source, UUID state and time zone go here)
+// Random and identifier counters. They, like the run-time statistics mode
+// and the quotation counters defined beside their code, are constant-
+// initialised: their place in the order is only nominal.
+std::atomic<q_uint64_t> kern::random::stat::calls{0};
+std::atomic<q_uint64_t> kern::random::stat::time{0};
+std::atomic<q_uint64_t> kern::guid::stat::calls{0};
+std::atomic<q_uint64_t> kern::guid::stat::time{0};
+
+// The system random source, seeded from /dev/urandom.
+random_t sysrnd(&s_sysrnd_guard);
+
+// The identifier generator's state, seeded from the environment and
+// sysrnd; then the process's time zone.
+kern::uuid::state_t kern::uuid::state;
+static struct uuid_and_zone_t {
+    uuid_and_zone_t() {
+        init_int_uuid();
+        tzset();
+    }
+} const s_uuid_and_zone;
 
 // Guards the fatal-signal report's state for programs that share it.
 mutex_t post_morten_dump_flag_guard;

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "numeric-triades.h"
+#include "random.h"
 
 namespace {
 
@@ -203,6 +204,15 @@ void rotate_slashes_real(lstr_t const& s) noexcept {
     char* p = const_cast<char*>(s.ptr());
     char* const e = p + s.length();
     while ((p = static_cast<char*>(std::memchr(p, '\\', static_cast<std::size_t>(e - p)))) != nullptr) *p++ = '/';
+}
+
+void random_string(std::string& out, int min, int max) {
+    static char const alphabet[] = "qwertyuiopasdfghjklzxcvbnm1234567890QWERTYUIOPASDFGHJKLZXCVBNM";
+    // In 64 bits: max - min + 1 overflows an int for the widest ranges.
+    long long const span = static_cast<long long>(max) - min + 1;
+    long long const length =
+        span <= 1 ? min : min + static_cast<long long>(sysrnd.rand() % static_cast<q_uint64_t>(span));
+    for (long long i = 0; i < length; ++i) out += alphabet[sysrnd.rand() % 62];
 }
 
 // --- memory dumps -------------------------------------------------------------------

@@ -17,6 +17,7 @@
 #include "dynamic_library.h"
 #include "loggers.h"
 #include "syncers.h"
+#include "time-objs.h"
 
 static std::string const plugins = QVLKERN_EXAMPLES_BINARY_DIR "/plugins";
 
@@ -96,6 +97,21 @@ TEST(kern_child, report) {
     }
 }
 
+// The C library's generator was seeded at load from the process, the thread
+// and the clock's 100-nanosecond count within its tenth of a second: the
+// count is searched back from now until the first two draws match.
+TEST(kern_child, crand_seed) {
+    if (!getenv("QVLKERN_CHILD")) GTEST_SKIP() << "runs in a child process";
+    auto mix = [](unsigned long long x) { return (x << 27) ^ (x << 21) ^ x ^ (x << 17) ^ (x << 7); };
+    unsigned long long const ids = mix(getpid()) ^ (mix(getpid()) << 16);  // the main thread's id is the pid's
+    int const first = rand(), second = rand();
+    long const now = (kern::time::now().ticks() / 10) % 1000000;
+    for (long back = 0; back < 1000000; ++back) {
+        srand(static_cast<unsigned>(ids ^ static_cast<unsigned long long>((now - back + 1000000) % 1000000)));
+        if (rand() == first && rand() == second) return (void)std::printf("SEEDED\n");
+    }
+}
+
 // What start-up makes of the environment, and its fatal messages when a pthread call fails,
 // injected by a preloaded shim that writes "<shim-fini>" when exit handlers run.
 TEST(kern, settings_and_fatal_messages_at_load) {
@@ -129,6 +145,11 @@ TEST(kern, settings_and_fatal_messages_at_load) {
         EXPECT_EQ(r.err, c.status ? c.text : "");
         EXPECT_TRUE(c.status ? r.out.empty() : r.out.find("SETTINGS " + c.text + "\n") != std::string::npos) << r.out;
     }
+}
+
+TEST(kern, c_library_generator_seeded_at_load) {
+    EXPECT_THAT(run({}, "/proc/self/exe", {"--gtest_filter=kern_child.crand_seed"}).out,
+                testing::HasSubstr("SEEDED\n"));
 }
 
 // The module cache is torn down before the start-up logger: what its last

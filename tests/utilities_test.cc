@@ -6,8 +6,12 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <set>
 #include <string>
 #include <utility>
+
+#include "code-exec-time.h"
+#include "random.h"
 
 namespace {
 
@@ -96,6 +100,32 @@ TEST(Strings, TrimAndWords) {
     EXPECT_STREQ(text, "a_b_c\nd\\e\\\\f");  // only the first five characters
     rotate_slashes_real(lstr_t(text + 7, 5));
     EXPECT_STREQ(text, "a_b_c\nd/e//f");
+}
+
+// Lengths within [min, max], letters and digits only, appended, every draw from sysrnd.
+TEST(Strings, RandomIdentifiers) {
+    struct { int min, max; std::size_t lo, hi; } const cases[] = {
+        {8, 8, 8, 8}, {3, 7, 3, 7}, {0, 1, 0, 1}, {5, 2, 5, 5}, {-4, -4, 0, 0}, {-2, 1, 0, 1}};
+    kern::runtime::stat::mode_s_ = 1;
+    for (auto const& c : cases) {
+        std::set<std::size_t> lengths;
+        for (int i = 0; i < 400; ++i) {
+            std::string s("pre");
+            auto const draws = kern::random::stat::calls.load();
+            random_string(s, c.min, c.max);
+            ASSERT_EQ(s.compare(0, 3, "pre"), 0);
+            lengths.insert(s.size() - 3);
+            EXPECT_EQ(kern::random::stat::calls - draws, s.size() - 3 + (c.max > c.min)) << c.min << " " << c.max;
+            for (char ch : s) EXPECT_TRUE(std::isalnum(static_cast<unsigned char>(ch))) << s;
+        }
+        EXPECT_EQ(*lengths.begin(), c.lo) << c.min << " " << c.max;  // both ends reached
+        EXPECT_EQ(*lengths.rbegin(), c.hi) << c.min << " " << c.max;
+    }
+    kern::runtime::stat::mode_s_ = 0;
+    std::string a, b;
+    random_string(a, 40, 40);
+    random_string(b, 40, 40);
+    EXPECT_NE(a, b);
 }
 
 TEST(Numbers, DumpsHexDigitsAndWeight) {

@@ -1,0 +1,293 @@
+// ISAAC against a reference computation, shared generators, and identifiers.
+#include "random.h"
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "syncers.h"
+
+namespace {
+
+typedef std::uint32_t ub4;
+
+// ISAAC as its author published it (a pointer walk over the two halves,
+// seeding with the flag set), written apart from the library's version.
+struct ref_isaac_t {
+    ub4 randrsl[256] = {}, mm[256], aa = 0, bb = 0, cc = 0;
+#define ind(x) mm[((x) >> 2) & 255]
+#define step(mix) x = *m, a = (a ^ (mix)) + *(m2++), *(m++) = y = ind(x) + a + b, *(r++) = b = ind(y >> 8) + x;
+    void isaac() {
+        ub4 a = aa, b = bb + ++cc, x, y, *m = mm, *m2 = mm + 128, *r = randrsl, *mend = m2;
+        for (; m < mend;) { step(a << 13) step(a >> 6) step(a << 2) step(a >> 16) }
+        for (m2 = mm; m2 < mend;) { step(a << 13) step(a >> 6) step(a << 2) step(a >> 16) }
+        aa = a, bb = b;
+    }
+#undef step
+#undef ind
+    void randinit() {
+        ub4 a, b, c, d, e, f, g, h;
+        a = b = c = d = e = f = g = h = 0x9e3779b9;
+#define mix() a ^= b << 11, d += a, b += c, b ^= c >> 2, e += b, c += d, c ^= d << 8, f += c, d += e, d ^= e >> 16, \
+              g += d, e += f, e ^= f << 10, h += e, f += g, f ^= g >> 4, a += f, g += h, g ^= h << 8, b += g, h += a, \
+              h ^= a >> 9, c += h, a += b
+        for (int i = 0; i < 4; ++i) mix();
+        for (ub4 const* s : {randrsl, mm}) {
+            for (int i = 0; i < 256; i += 8) {
+                a += s[i], b += s[i + 1], c += s[i + 2], d += s[i + 3], e += s[i + 4], f += s[i + 5], g += s[i + 6];
+                h += s[i + 7];
+                mix();
+                mm[i] = a, mm[i + 1] = b, mm[i + 2] = c, mm[i + 3] = d, mm[i + 4] = e, mm[i + 5] = f, mm[i + 6] = g;
+                mm[i + 7] = h;
+            }
+        }
+#undef mix
+        isaac();
+    }
+    // The current block, first word first, then the next one is made.
+    std::vector<ub4> block() {
+        std::vector<ub4> v(randrsl, randrsl + 256);
+        isaac();
+        return v;
+    }
+};
+
+// The next 256 draws in block order (a block is handed out last word first).
+std::vector<ub4> draw_block(random_t& r) {
+    std::vector<ub4> v(256);
+    for (int i = 255; i >= 0; --i) v[i] = r.rand();
+    return v;
+}
+
+// Runs one test of this program again in a child with the variables set;
+// true in that child. With mounts, the child gets a mount namespace of its own.
+bool in_child(char const* test, std::vector<char const*> env = {}) {
+    if (getenv("RANDOM_TEST_CHILD")) return true;
+    pid_t const pid = fork();
+    if (pid == 0) {
+        setenv("RANDOM_TEST_CHILD", "1", 1);
+        for (char const* e : env) putenv(const_cast<char*>(e));
+        std::string const filter = std::string("--gtest_filter=") + test;
+        execl("/proc/self/exe", "random_test", filter.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    return false;
+}
+
+bool private_mount(char const* over) {
+    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("tmpfs", over, "tmpfs", 0, "size=64k") == 0;
+}
+
+TEST(Isaac, WholeBlocksMatchTheReference) {
+    unsigned int zeros[256] = {}, mixed[256];
+    for (unsigned i = 0; i < 256; ++i) mixed[i] = i * 0x9e3779b1u + 1;
+    for (unsigned int const* seed : {zeros, mixed}) {
+        random_t r(seed);
+        ref_isaac_t ref;
+        std::copy(seed, seed + 256, ref.randrsl);
+        ref.randinit();
+        for (int b = 0; b < 3; ++b) EXPECT_EQ(draw_block(r), ref.block()) << "block " << b;
+    }
+    EXPECT_EQ(random_t(zeros).rand(), 0x182600f3u);  // the last word of the block that seeding made
+}
+
+// Eight threads drawing from one generator behind a mutex get, together,
+// exactly the values one thread would have drawn. Statistics count draws
+// and identifiers only while they are on.
+TEST(Isaac, SharedGeneratorAndStatistics) {
+    unsigned int seed[256];
+    for (unsigned i = 0; i < 256; ++i) seed[i] = i ^ 0x5a5a5a5a;
+    mutex_t lock;
+    random_t shared(seed, &lock), alone(seed);
+    int const threads = 8, per = 20000;
+    std::vector<ub4> all(threads * per), want(threads * per);
+    std::vector<std::thread> ts;
+    for (int t = 0; t < threads; ++t)
+        ts.emplace_back([&, t] { std::generate_n(&all[t * per], per, [&] { return shared.rand(); }); });
+    for (auto& t : ts) t.join();
+    std::generate(want.begin(), want.end(), [&] { return alone.rand(); });
+    std::sort(all.begin(), all.end());
+    std::sort(want.begin(), want.end());
+    EXPECT_TRUE(all == want);
+
+    namespace r = kern::random::stat;
+    namespace g = kern::guid::stat;
+    std::uint64_t const before[] = {r::calls, r::time, g::calls, g::time};
+    for (kern::runtime::stat::mode_t mode : {0, 1, 2}) {
+        kern::runtime::stat::mode_s_ = mode;
+        random_t own(seed);
+        for (int i = 0; i < 300; ++i) own.rand();
+        char id[37];
+        for (int i = 0; i < 5; ++i) get_uuid(id);
+    }
+    kern::runtime::stat::mode_s_ = 0;
+    EXPECT_EQ(r::calls - before[0], 600u);  // two modes on, 300 draws each
+    EXPECT_EQ(g::calls - before[2], 10u);
+    EXPECT_TRUE(r::time > before[1] && g::time > before[3]);
+}
+
+// Without /dev/urandom the seed comes from the C library's rand().
+TEST(Isaac, SeedsFromRandWithoutUrandom) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to hide /dev/urandom";
+    if (!in_child("Isaac.SeedsFromRandWithoutUrandom")) return;
+    if (!private_mount("/dev")) GTEST_SKIP() << "cannot mount a private /dev: " << std::strerror(errno);
+    ref_isaac_t ref;
+    srand(7);
+    for (ub4& w : ref.randrsl) w = static_cast<ub4>(rand());
+    ref.randinit();
+    srand(7);
+    random_t r;
+    EXPECT_EQ(draw_block(r), ref.block());
+}
+
+// --- identifiers ---------------------------------------------------------------------------
+
+// The time value of an internal identifier: bytes 0 to 6 lowest first, then
+// the low nibble of byte 7 after the version digit.
+std::uint64_t time_of(char const* id) {
+    std::uint64_t v = std::stoull(std::string(id + 17, 1), nullptr, 16) << 56;
+    int k = 0;
+    for (int at : {0, 2, 4, 6, 9, 11, 14}) v |= std::stoull(std::string(id + at, 2), nullptr, 16) << (8 * k++);
+    return v;
+}
+
+std::uint64_t now_100ns() {
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    return std::uint64_t(tv.tv_sec) * 10000000 + std::uint64_t(tv.tv_usec) * 10 + 0x01B21DD213814000ULL;
+}
+
+// An internal identifier of process pid: version digit 1, clock sequence
+// digit 0 to 3, the node's first two bytes from the pid (top bit set).
+testing::Matcher<char const*> internal_of(pid_t pid) {
+    unsigned const v = (unsigned(pid) << 7) ^ unsigned(pid);
+    char node[5];
+    std::snprintf(node, sizeof node, "%02x%02x", (v | 0x80) & 0xff, (v >> 8) & 0xff);
+    return testing::MatchesRegex(std::string("[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{2}1[0-9a-f]-[0-3][0-9a-f]{3}-") + node +
+                                 "[0-9a-f]{8}");
+}
+
+TEST(Uuid, KernelFileByDefaultLeavesNoDescriptor) {
+    EXPECT_FALSE(kern::uuid::use_internal_generator);
+    char a[37], b[37];
+    get_uuid(a);
+    get_uuid(b);
+    EXPECT_THAT(a, testing::MatchesRegex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[0-9a-f]{4}-[0-9a-f]{12}"));
+    EXPECT_STRNE(a, b);
+    // Each identifier and each seeding opens a file: none stays open.
+    auto const fds = [] {
+        int n = 0;
+        for (int fd = 0; fd < 1024; ++fd) n += fcntl(fd, F_GETFD) != -1;
+        return n;
+    };
+    int const before = fds();
+    for (int i = 0; i < 10000; ++i) get_uuid(a), random_t();
+    EXPECT_EQ(fds(), before);
+}
+
+// QVLSRV_INTERNAL_UUID, even empty: one thread's identifiers never go back in
+// time and advance the clock sequence one by one.
+TEST(Uuid, InternalGeneratorLayout) {
+    if (!in_child("Uuid.InternalGeneratorLayout", {"QVLSRV_INTERNAL_UUID="})) return;
+    EXPECT_TRUE(kern::uuid::use_internal_generator);
+    char id[37];
+    std::uint64_t const before = now_100ns();
+    std::uint64_t last = 0;
+    unsigned last_seq = 0;
+    for (int i = 0; i < 1000; ++i) {
+        get_uuid(id);
+        ASSERT_THAT(id, internal_of(getpid()));
+        unsigned const seq = unsigned(std::stoul(std::string(id + 19, 4), nullptr, 16));
+        EXPECT_TRUE(i == 0 || (time_of(id) >= last && seq == ((last_seq + 1) & 0x3fff))) << id;
+        last = time_of(id);
+        last_seq = seq;
+    }
+    EXPECT_GE(last, before);
+    EXPECT_LE(last, now_100ns() + 1000);  // at most one step ahead per identifier
+}
+
+// A short, then a missing kernel file: internal identifiers, the first ten failures logged.
+TEST(Uuid, UnreadableFileFallsBackAndLogsTenTimes) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to hide the kernel's file";
+    if (!in_child("Uuid.UnreadableFileFallsBackAndLogsTenTimes", {"QVLSRV_NO_LASTREPEAT=1"})) return;
+    char const* const file = "/proc/sys/kernel/random/uuid";
+    if (!private_mount("/proc/sys/kernel/random")) GTEST_SKIP() << "cannot hide it: " << std::strerror(errno);
+    int const fd = open(file, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    ASSERT_EQ(write(fd, "0123456789abcdef\n", 17), 17);
+    close(fd);
+    char log[] = "/tmp/random_test.XXXXXX";
+    int const out = mkstemp(log), saved = dup(2);
+    dup2(out, 2);
+    char id[37];
+    for (int i = 0; i < 15; ++i) {
+        get_uuid(id);
+        EXPECT_THAT(id, internal_of(getpid()));
+        unlink(file);
+    }
+    dup2(saved, 2);
+    std::string text(1 << 16, '\0');
+    text.resize(std::max<ssize_t>(pread(out, &text[0], text.size(), 0), 0));
+    unlink(log);
+    std::vector<std::string> lines, want;
+    for (std::size_t pos = 0; (pos = text.find("[UUID]", pos)) != std::string::npos; ++pos)
+        lines.push_back(text.substr(pos, text.find('\n', pos) - pos));
+    std::string const head = std::string("[UUID] Unable to read file \"") + file + "\" because of ";
+    want.push_back(head + "short data has been readed from file \"" + file + "\"");
+    want.resize(10, head + "unable to open file \"" + file + "\" for read because of " + std::strerror(ENOENT) +
+                        " (errno=2)");
+    EXPECT_EQ(lines, want) << text;
+}
+
+// Eight threads draw 100,000 internal identifiers each: all differ. A forked
+// child draws with its own process id in the node.
+TEST(Uuid, InternalIdentifiersAreUnique) {
+    kern::uuid::use_internal_generator = true;
+    int const threads = 8, per = 100000;
+    std::vector<std::array<char, 37>> ids(std::size_t(threads) * per);
+    std::vector<std::thread> ts;
+    for (int t = 0; t < threads; ++t)
+        ts.emplace_back([&, t] {
+            for (int i = 0; i < per; ++i) get_uuid(ids[std::size_t(t) * per + i].data());
+        });
+    for (auto& t : ts) t.join();
+    std::sort(ids.begin(), ids.end());
+    EXPECT_TRUE(std::adjacent_find(ids.begin(), ids.end()) == ids.end());
+    EXPECT_THAT(ids[0].data(), internal_of(getpid()));
+
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    pid_t const pid = fork();
+    if (pid == 0) {
+        char id[37];
+        get_uuid(id);
+        _exit(write(p[1], id, 37) == 37 ? 0 : 1);
+    }
+    char id[37] = {};
+    EXPECT_EQ(read(p[0], id, 37), 37);
+    waitpid(pid, nullptr, 0);
+    close(p[0]);
+    close(p[1]);
+    EXPECT_THAT(id, internal_of(pid));
+    kern::uuid::use_internal_generator = false;
+}
+
+}  // namespace
