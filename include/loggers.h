@@ -72,6 +72,8 @@
 //    the end of the process), so that no rotated file is overwritten.
 //  - A compression that fails removes its partial .gz and keeps the plain
 //    file; a finished .gz is synced to disk before the plain file goes.
+//  - Nothing leaves the compression thread: a report that it cannot format
+//    (no memory), or whose failed write makes a handler throw, is dropped.
 //  - A re-created log file is opened appending, like the first open, so that
 //    lines are never written over another writer's.
 //  - Rotation specifications: blanks around them are ignored, the letters

@@ -64,6 +64,22 @@ private:
     gzFile gz_;
 };
 
+// A file being written, removed at the end of the scope unless kept: a
+// failure, also one that throws (no memory), leaves no partial .gz behind.
+class partial_file_t {
+public:
+    explicit partial_file_t(std::string const& name) : name_(&name) {}
+    ~partial_file_t() {
+        if (name_) unlink_retry(*name_);
+    }
+    partial_file_t(partial_file_t const&) = delete;
+    partial_file_t& operator=(partial_file_t const&) = delete;
+    void keep() { name_ = nullptr; }
+
+private:
+    std::string const* name_;
+};
+
 // Compresses from into to and removes from. On a failure message becomes
 // the report, the partial to is removed and from stays, so that the rotated
 // lines are never lost nor left only in a truncated .gz. The thread that
@@ -83,6 +99,7 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
                                     to.c_str(), get_last_error(saved).c_str());
         return;
     }
+    partial_file_t partial(to);
     // The stream gets a descriptor of its own and closes it; out stays open
     // for the fsync after the stream has written its trailer.
     fd_holder_t stream_fd(::fcntl(out.get(), F_DUPFD_CLOEXEC, 0));
@@ -92,7 +109,6 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
         file_logger_impl_t::prepare(message, if_logger_t::INFO,
                                     "[Logger] Unable to create compressed file \"%s\" because of %s", to.c_str(),
                                     error.c_str());
-        unlink_retry(to);
         return;
     }
     stream_fd.release();
@@ -111,7 +127,6 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
                 "[Logger] File \"%s\" written partially because of unable to read file \"%s\" because of %s",
                 to.c_str(), from.c_str(), get_last_error(saved).c_str());
             gzclose(gz.release());
-            unlink_retry(to);
             return;
         }
         for (ssize_t put = 0; put < got;) {
@@ -123,7 +138,6 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
                                             "[Logger] Unable to write into file \"%s\" because of %s", to.c_str(),
                                             error.c_str());
                 gzclose(gz.release());
-                unlink_retry(to);
                 return;
             }
             put += n;
@@ -143,9 +157,9 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
         file_logger_impl_t::prepare(message, if_logger_t::INFO,
                                     "[Logger] Unable to write into file \"%s\" because of %s", to.c_str(),
                                     error.c_str());
-        unlink_retry(to);
         return;
     }
+    partial.keep();
     close_once(out.release());
     close_once(in.release());
     if (unlink_retry(from) == -1) {
@@ -182,7 +196,7 @@ void file_logger_impl_t::pack_main(pack_job_t* raw) {
         try {
             entry.reset(new pack_entry_t);
             adopt.reset(new kern_n::runnable_t::wrap_helper_t(entry.get()));
-        } catch (std::exception const&) {
+        } catch (...) {
             // Unlisted, the thread shows as noname; the compression goes on.
         }
         job->logger->pack(hold, job->from, job->to);
@@ -191,19 +205,30 @@ void file_logger_impl_t::pack_main(pack_job_t* raw) {
 }
 
 void file_logger_impl_t::pack(rotation_hold_t hold, std::string const& from, std::string const& to) {
-    std::string message;
+    // Nothing leaves the compression thread: formatting a report can run out
+    // of memory, and writing it can fail and call a handler, which may throw.
+    // Only a cancellation unwinds on.
     try {
-        compress_file(from, to, message);
+        std::string message;
+        try {
+            compress_file(from, to, message);
+        } catch (abi::__forced_unwind&) {
+            throw;
+        } catch (boost::thread_interrupted const&) {
+            prepare(message, INFO, "[Logger] Compression of \"%s\" was interrupted", from.c_str());
+        } catch (std::exception const& e) {
+            prepare(message, INFO, "[Logger] Compression of \"%s\" failed because of %s", from.c_str(), e.what());
+        } catch (...) {
+            prepare(message, INFO, "[Logger] Compression of \"%s\" failed because of an unknown exception",
+                    from.c_str());
+        }
+        if (!message.empty()) write_fd(message.data(), message.size());
     } catch (abi::__forced_unwind&) {
         throw;
-    } catch (boost::thread_interrupted const&) {
-        prepare(message, INFO, "[Logger] Compression of \"%s\" was interrupted", from.c_str());
-    } catch (std::exception const& e) {
-        prepare(message, INFO, "[Logger] Compression of \"%s\" failed because of %s", from.c_str(), e.what());
     } catch (...) {
-        prepare(message, INFO, "[Logger] Compression of \"%s\" failed because of an unknown exception", from.c_str());
+        // The report could not be made or a handler threw: the compression
+        // is over all the same, and there is no one left to tell.
     }
-    if (!message.empty()) write_fd(message.data(), message.size());
     hold.reset();
 }
 

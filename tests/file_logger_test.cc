@@ -19,6 +19,7 @@
 #include <fstream>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -90,12 +91,14 @@ struct record_logger_t : if_logger_t {
     strings lines;
 };
 
-// Records each call as "type: text".
+// Records each call as "type: text", then throws when asked to (handlers may).
 struct handler_t : if_logger_error_t {
     void notify(if_logger_t*, error_type_t type, std::string const& text) override {
         calls.push_back(std::to_string(int(type)) + ": " + text);
+        if (throws) throw std::runtime_error("handler");
     }
     strings calls;
+    bool throws = false;
 };
 
 // The tests' clock: UTC ticks set by hand.
@@ -449,7 +452,24 @@ int full_disk_child(std::string const& mnt) {
     if (read_file(name).find("noname after 299\n") == std::string::npos) return 4;
     for (unsigned n = 1; n < 4; ++n)
         if (exists(name_of(name, n, true)) && kept(name, n, true)[0] == '<') return 5;
-    return h.calls.size() != 1 ? 6 : 0;
+    if (h.calls.size() != 1) return 6;
+
+    // Full again with room left only in the last page of the file (and no
+    // kept file whose overwriting would free one): the rotation's notice
+    // fits, the compression's .gz and its report into the new, empty file do
+    // not. The handler told of that throws on the compression thread, which
+    // must swallow it and keep the plain file.
+    for (unsigned n = 1; n < 4; ++n) std::remove(name_of(name, n, true).c_str());
+    for (int k = 0; fs::file_size(name) < 16384; ++k) l.log_INFO("refill %d", k);
+    std::ofstream(filler) << std::string(256 << 10, 'f');
+    h.throws = true;
+    l.write("");
+    l.wait_compression();
+    h.throws = false;
+    std::remove(filler.c_str());
+    if (h.calls.size() != 2 || h.calls[1].find("0: No space left on device") != 0) return 7;
+    if (!exists(name_of(name, 1, false)) || exists(name_of(name, 1, true))) return 8;
+    return 0;
 }
 
 TEST(FileLoggerRecovery, FullDirectoryReportsOnceAndResumes) {
