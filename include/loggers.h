@@ -71,7 +71,9 @@
 //    of an index (one left by a compression that failed or was cut short by
 //    the end of the process), so that no rotated file is overwritten.
 //  - A compression that fails removes its partial .gz and keeps the plain
-//    file; a finished .gz is synced to disk before the plain file goes.
+//    file; a finished .gz is synced to disk before the plain file goes. A
+//    read failure keeps both: the .gz, a whole gzip stream of what could be
+//    read, is then the file "written partially" that the report names.
 //  - Nothing leaves the compression thread: a report that it cannot format
 //    (no memory), or whose failed write makes a handler throw, is dropped.
 //  - A re-created log file is opened appending, like the first open, so that

@@ -462,8 +462,9 @@ void file_logger_impl_t::rotate() {
         }
     }
     if (!open(true, &failures)) {
+        // The re-open-failure flag is left to write(): the line it drops next
+        // is still to be reported there.
         error_saver_t const saved;
-        reopen_failure_reported_ = true;
         notify_error(if_logger_error_t::rotation_failed, "Unable to re-open log file because of " + get_last_error(saved));
     } else if (!failures.empty()) {
         write_own(failures);

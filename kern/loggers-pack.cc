@@ -82,7 +82,8 @@ private:
 
 // Compresses from into to and removes from. On a failure message becomes
 // the report, the partial to is removed and from stays, so that the rotated
-// lines are never lost nor left only in a truncated .gz. The thread that
+// lines are never lost nor left only in a truncated .gz; after a read
+// failure both stay. The thread that
 // runs this blocks every signal, so zlib's own writes see no EINTR.
 void compress_file(std::string const& from, std::string const& to, std::string& message) {
     fd_holder_t in(open_retry(from.c_str(), O_RDONLY | O_NOCTTY, 0));
@@ -114,6 +115,9 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
     stream_fd.release();
 
     std::unique_ptr<char[]> const block(new char[k_pack_block]);
+    // A read failure ends the copy but not the stream: what was read is
+    // kept in a whole .gz, as the report says, and the plain file stays.
+    bool read_all = true;
     for (;;) {
         ssize_t got;
         do {
@@ -126,8 +130,8 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
                 message, if_logger_t::INFO,
                 "[Logger] File \"%s\" written partially because of unable to read file \"%s\" because of %s",
                 to.c_str(), from.c_str(), get_last_error(saved).c_str());
-            gzclose(gz.release());
-            return;
+            read_all = false;
+            break;
         }
         for (ssize_t put = 0; put < got;) {
             int const n = gzwrite(gz.get(), block.get() + put, static_cast<unsigned>(got - put));
@@ -162,7 +166,7 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
     partial.keep();
     close_once(out.release());
     close_once(in.release());
-    if (unlink_retry(from) == -1) {
+    if (read_all && unlink_retry(from) == -1) {
         error_saver_t const saved;
         file_logger_impl_t::prepare(message, if_logger_t::INFO, "[Logger] Unable to remove file \"%s\" because of %s",
                                     from.c_str(), get_last_error(saved).c_str());

@@ -3,6 +3,7 @@
 // a clock of the tests' own for periods, checks and the reopen gate.
 #include "loggers.h"
 
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -17,6 +18,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -428,14 +430,60 @@ TEST(FileLoggerRecovery, RenameAndCompressionFailures) {
     std::sort(lines.begin(), lines.end());  // the thread's line may come first
     EXPECT_EQ(lines, (strings{"logzip [Logger] Unable to create file \"" + packed + "\" " + why, "noname after"}));
     EXPECT_NE(read_file(first).find("noname rotated\n"), std::string::npos);
+
+    // A read failure: the .gz keeps what was read, as told, and the source.
+    std::string const partial = name_of(s.dir + "/p.log", 1, true);
+    l->pack(nullptr, "/proc/self/mem", partial);
+    EXPECT_EQ(file_bodies(s.name).back(), "[Logger] File \"" + partial +
+                                              "\" written partially because of unable to read file \"/proc/self/mem\" "
+                                              "because of Input/output error (errno=5)");
+    EXPECT_EQ(kept(s.dir + "/p.log", 1, true), "");
+}
+
+// Runs body in a child process (where gtest still reports failures) and
+// answers its exit status, or 128 + the signal that ended it.
+int in_child(std::function<int()> const& body) {
+    pid_t const pid = fork();
+    if (pid == 0) _exit(body());
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Mounts a tmpfs of its own on dir, seen by the calling process alone (a
+// child process run by root: a private mount namespace).
+bool private_tmpfs(std::string const& dir, char const* options) {
+    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("tmpfs", dir.c_str(), "tmpfs", 0, options) == 0;
+}
+
+// No inode to spare, in a child on a private tmpfs: the rotation renames
+// the file but cannot re-open; the lines that write() then drops are
+// reported once too.
+TEST(FileLoggerRecovery, RotationWithoutInodes) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to mount a private tmpfs";
+    handler_t h;
+    scene_t s(true);
+    int const status = in_child([&] {
+        if (!private_tmpfs(s.dir, "size=1m,nr_inodes=16")) return 77;
+        file_logger_impl_t* l = s.open("2p,1k");
+        l->insert_handler(&h);
+        for (int i = 0; fs::file_size(s.name) < 1024; ++i) l->log_INFO("line %d", i);
+        for (int k = 0; ::close(creat((s.dir + "/" + std::to_string(k)).c_str(), 0600)) == 0; ++k) {
+        }
+        for (int i = 0; i < 3; ++i) l->log_INFO("rotating %d", i);
+        std::string const why = "because of No space left on device (errno=28)";
+        EXPECT_EQ(h.calls, (strings{"1: Unable to re-open log file " + why, "0: unable to re-open log file " + why}));
+        return int(testing::Test::HasFailure());
+    });
+    if (status == 77) GTEST_SKIP() << "cannot mount a private tmpfs here";
+    EXPECT_EQ(status, 0);
 }
 
 // The full disk, in a child with a private 256 KiB tmpfs. Answers 0, 77 when
 // no tmpfs could be mounted, or the number of the check that failed.
 int full_disk_child(std::string const& mnt) {
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=256k") != 0)
-        return 77;
+    if (!private_tmpfs(mnt, "size=256k")) return 77;
     std::string const name = mnt + "/agent.log", filler = mnt + "/filler";
     handler_t h;
     file_logger_impl_t l(name.c_str(), "4z,16k", "");
@@ -475,12 +523,9 @@ int full_disk_child(std::string const& mnt) {
 TEST(FileLoggerRecovery, FullDirectoryReportsOnceAndResumes) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to mount a private 256 KiB tmpfs";
     scene_t s;
-    pid_t const pid = fork();
-    if (pid == 0) _exit(full_disk_child(s.dir));
-    int status = 0;
-    ASSERT_TRUE(waitpid(pid, &status, 0) == pid && WIFEXITED(status)) << status;
-    if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "cannot mount a private tmpfs here";
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "failed check number " << WEXITSTATUS(status);
+    int const status = in_child([&] { return full_disk_child(s.dir); });
+    if (status == 77) GTEST_SKIP() << "cannot mount a private tmpfs here";
+    EXPECT_EQ(status, 0) << "failed check number (or 128 + signal)";
 }
 
 // Four threads write numbered lines through one logger rotating every
