@@ -76,8 +76,24 @@
 //    read, is then the file "written partially" that the report names.
 //  - Nothing leaves the compression thread: a report that it cannot format
 //    (no memory), or whose failed write makes a handler throw, is dropped.
-//  - A re-created log file is opened appending, like the first open, so that
-//    lines are never written over another writer's.
+//  - Files that the logger makes, a re-created log file or a .gz, are
+//    created under their name plus "." and six random letters or digits (the
+//    name cut short where it would exceed the 255 characters a name may
+//    have), exclusively and without following a link, then renamed into
+//    place: what another account has put at the name (a link to a file of
+//    root's, say) is replaced, never written through. A re-created log file
+//    thus replaces the file at its name instead of truncating it, and is
+//    opened appending, so that a tool truncating it never gets lines written
+//    over.
+//    Kept files are made by renames, which follow no link; the rotated file
+//    is read for compression without following one.
+//  - The first open follows a link at the log's name only when root or the
+//    process's effective user owns it (each link of a chain checked, owner
+//    and target read from the same link). Another account's link is
+//    refused, and the process logger told, at class 1: "[Logger] Refused to
+//    open logfile \"%s\" through a link owned by user %u because of %s",
+//    with the text of EPERM. Hard links are left to the kernel's
+//    protected_hardlinks.
 //  - Rotation specifications: blanks around them are ignored, the letters
 //    (z, p, units, "NONE") are case-insensitive, a count or number left out
 //    reads as 0 (its default), and text that fits none of the forms, before
@@ -414,9 +430,10 @@ public:
     // ones, callers hold the file mutex, as write() does, or are the only
     // thread using the logger.
     //
-    // (Re)opens the file: appending, or created empty with recreate (then
-    // at most once a minute after a failed attempt; failures go to the
-    // list). Writes the banner. False when no file is open.
+    // (Re)opens the file: appending (through trusted links only), or with
+    // recreate a new empty file in place of what is at the name (then at
+    // most once a minute after a failed attempt; failures go to the list).
+    // Writes the banner. False when no file is open.
     bool open(bool recreate, std::string* failures);
     // Rotates when still due: shift, rename, reopen, compression thread.
     void rotate();

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -165,14 +166,6 @@ bool read_line_stamp(char const* p, q_int64_t& local) {
     return true;
 }
 
-int rename_retry(std::string const& from, std::string const& to) {
-    int rc;
-    do {
-        rc = ::rename(from.c_str(), to.c_str());
-    } while (rc == -1 && errno == EINTR);
-    return rc;
-}
-
 // The system's text of a saved error code.
 std::string error_text(int code) {
     errno = code;
@@ -181,6 +174,73 @@ std::string error_text(int code) {
 }
 
 }  // namespace
+
+namespace kern_n {
+namespace detail {
+
+int create_fresh(std::string const& name, int flags, std::string& temp) {
+    static std::atomic<q_uint64_t> sequence{0};
+    // The last part of the name is cut where the suffix would make it
+    // longer than a name may be.
+    size_t const slash = name.rfind('/');
+    size_t const keep = std::min(name.size(), (slash == std::string::npos ? 0 : slash + 1) + (NAME_MAX - 7));
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        // Names only need to differ (O_EXCL makes the file new): the time,
+        // the process and a sequence, mixed (splitmix64's finaliser).
+        struct timespec ts;
+        clock_gettime(CLOCK_MONOTONIC, &ts);
+        q_uint64_t x = static_cast<q_uint64_t>(ts.tv_sec) * 1000000007u + static_cast<q_uint64_t>(ts.tv_nsec) +
+                       (static_cast<q_uint64_t>(process_id()) << 40) +
+                       0x9e3779b97f4a7c15ull * sequence.fetch_add(1, std::memory_order_relaxed);
+        x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
+        x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
+        x ^= x >> 31;
+        temp.assign(name, 0, keep).push_back('.');
+        for (int i = 0; i < 6; ++i, x /= 36) temp.push_back("0123456789abcdefghijklmnopqrstuvwxyz"[x % 36]);
+        int const fd = open_retry(temp.c_str(), flags | O_CREAT | O_EXCL | O_NOFOLLOW, k_log_mode);
+        if (fd != -1 || errno != EEXIST) return fd;
+    }
+    return -1;
+}
+
+int open_append_trusted(std::string const& name, uid_t& owner) {
+    int const flags = O_RDWR | O_CREAT | O_APPEND | O_NOCTTY;
+    std::string path = name;
+    // A chain of links is followed link by link, each one checked; the
+    // kernel's own limit on a chain is 40.
+    for (int depth = 0; depth < 40; ++depth) {
+        int const fd = open_retry(path.c_str(), flags | O_NOFOLLOW, k_log_mode);
+        if (fd != -1 || errno != ELOOP) return fd;
+        // The name is a link. Its owner and its text are read from one
+        // descriptor of the link itself: a link swapped in meanwhile by the
+        // owner of the directory is never the one followed.
+        int const link = open_retry(path.c_str(), O_PATH | O_NOFOLLOW, 0);
+        if (link == -1) return -1;
+        struct stat st;
+        char target[4096];
+        ssize_t n = -1;
+        if (::fstat(link, &st) == 0 && S_ISLNK(st.st_mode)) {
+            if (st.st_uid != 0 && st.st_uid != ::geteuid()) {
+                close_once(link);
+                owner = st.st_uid;
+                errno = EPERM;
+                return -1;
+            }
+            n = ::readlinkat(link, "", target, sizeof target);
+        }
+        close_once(link);
+        if (n <= 0 || static_cast<size_t>(n) == sizeof target) break;
+        std::string next(target, static_cast<size_t>(n));
+        size_t const slash = path.rfind('/');
+        if (next[0] != '/' && slash != std::string::npos) next.insert(0, path, 0, slash + 1);
+        path.swap(next);
+    }
+    errno = ELOOP;
+    return -1;
+}
+
+}  // namespace detail
+}  // namespace kern_n
 
 file_logger_impl_t::clock_fn_t file_logger_impl_t::clock = &coarse_now;
 
@@ -277,10 +337,24 @@ bool file_logger_impl_t::open(bool recreate, std::string* failures) {
     // say) or of a file removed right after this open goes ahead at once.
     next_reopen_ = now + timegap_t(k_minute);
     next_check_ = now + timegap_t(k_second);
-    // A re-created file is opened appending too: another writer on the same
-    // file, or a tool that truncates it, never gets lines written over.
-    int const flags = O_RDWR | O_CREAT | O_NOCTTY | O_APPEND | (recreate ? O_TRUNC : 0);
-    int const fd = open_retry(file_name_.c_str(), flags, k_log_mode);
+    // A re-created file is made new and renamed into place: it replaces what
+    // is at the name (a link of another account, say) instead of writing
+    // through it. It is opened appending too: a tool that truncates it
+    // never gets lines written over.
+    uid_t owner = 0;
+    int fd;
+    if (recreate) {
+        std::string temp;
+        fd = create_fresh(file_name_, O_RDWR | O_NOCTTY | O_APPEND, temp);
+        if (fd != -1 && rename_retry(temp, file_name_) == -1) {
+            error_saver_t const saved;  // the rename's error, for the report
+            unlink_retry(temp);
+            close_once(fd);
+            fd = -1;
+        }
+    } else {
+        fd = open_append_trusted(file_name_, owner);
+    }
     if (fd == -1) {
         error_saver_t const saved;
         open_errno_ = saved.code;
@@ -290,10 +364,14 @@ bool file_logger_impl_t::open(bool recreate, std::string* failures) {
             prepare(line, FAULT, "[Logger] Unable to open logfile \"%s\" because of %s", file_name_.c_str(),
                     error.c_str());
             add_failure(failures, line);
-        } else {
-            if_logger_t* const l = Log;
-            if (l && l->is_logged(FAULT))
+        } else if (if_logger_t* const l = Log) {
+            if (!l->is_logged(FAULT)) {
+            } else if (owner) {
+                l->log_FAULT("[Logger] Refused to open logfile \"%s\" through a link owned by user %u because of %s",
+                             file_name_.c_str(), static_cast<unsigned>(owner), error.c_str());
+            } else {
                 l->log_FAULT("[Logger] Unable to open logfile \"%s\" because of %s", file_name_.c_str(), error.c_str());
+            }
         }
         return false;
     }

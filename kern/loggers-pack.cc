@@ -80,27 +80,34 @@ private:
     std::string const* name_;
 };
 
+void report_create_failure(std::string const& to, std::string& message) {
+    error_saver_t const saved;
+    file_logger_impl_t::prepare(message, if_logger_t::INFO, "[Logger] Unable to create file \"%s\" because of %s",
+                                to.c_str(), get_last_error(saved).c_str());
+}
+
 // Compresses from into to and removes from. On a failure message becomes
 // the report, the partial to is removed and from stays, so that the rotated
 // lines are never lost nor left only in a truncated .gz; after a read
 // failure both stay. The thread that
 // runs this blocks every signal, so zlib's own writes see no EINTR.
 void compress_file(std::string const& from, std::string const& to, std::string& message) {
-    fd_holder_t in(open_retry(from.c_str(), O_RDONLY | O_NOCTTY, 0));
+    fd_holder_t in(open_retry(from.c_str(), O_RDONLY | O_NOCTTY | O_NOFOLLOW, 0));
     if (in.get() == -1) {
         error_saver_t const saved;
         file_logger_impl_t::prepare(message, if_logger_t::INFO, "[Logger] Unable to open file \"%s\" because of %s",
                                     from.c_str(), get_last_error(saved).c_str());
         return;
     }
-    fd_holder_t out(open_retry(to.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NOCTTY, k_log_mode));
+    // Written under a name of its own and renamed to to when whole: a link
+    // at to is replaced, never written through.
+    std::string temp;
+    fd_holder_t out(create_fresh(to, O_RDWR | O_NOCTTY, temp));
     if (out.get() == -1) {
-        error_saver_t const saved;
-        file_logger_impl_t::prepare(message, if_logger_t::INFO, "[Logger] Unable to create file \"%s\" because of %s",
-                                    to.c_str(), get_last_error(saved).c_str());
+        report_create_failure(to, message);
         return;
     }
-    partial_file_t partial(to);
+    partial_file_t partial(temp);
     // The stream gets a descriptor of its own and closes it; out stays open
     // for the fsync after the stream has written its trailer.
     fd_holder_t stream_fd(::fcntl(out.get(), F_DUPFD_CLOEXEC, 0));
@@ -161,6 +168,10 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
         file_logger_impl_t::prepare(message, if_logger_t::INFO,
                                     "[Logger] Unable to write into file \"%s\" because of %s", to.c_str(),
                                     error.c_str());
+        return;
+    }
+    if (rename_retry(temp, to) == -1) {
+        report_create_failure(to, message);
         return;
     }
     partial.keep();

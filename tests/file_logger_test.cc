@@ -137,8 +137,9 @@ struct scene_t {
         l.reset(new file_logger_impl_t(name.c_str(), rotation, banner));
         return if_logger_t::Log = l.get(), l.get();
     }
-    // Destroys the logger, which waits for its compression.
-    void close() { if_logger_t::Log = saved, l.reset(); }
+    // Destroys the logger, which waits for its compression, and only then
+    // the process logger that the compression formats its reports with.
+    void close() { l.reset(), if_logger_t::Log = saved; }
 };
 
 TEST(FileLoggerNames, SuffixFailureListAndPrepare) {
@@ -438,6 +439,51 @@ TEST(FileLoggerRecovery, RenameAndCompressionFailures) {
                                               "\" written partially because of unable to read file \"/proc/self/mem\" "
                                               "because of Input/output error (errno=5)");
     EXPECT_EQ(kept(s.dir + "/p.log", 1, true), "");
+}
+
+// A log directory owned by nobody, who plants links to a file of root's:
+// refused at the first open, replaced by the file re-created after a loss
+// and by the compressed file. Root's own link is followed.
+TEST(FileLoggerRecovery, OtherUsersLinksNeverWrittenThrough) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to give links to another user";
+    scene_t s(true);
+    record_logger_t rec;
+    if_logger_t::Log = &rec;
+    std::string const logs = s.dir + "/logs", name = logs + "/agent.log", victim = s.dir + "/victim";
+    ASSERT_TRUE(mkdir(logs.c_str(), 0755) == 0 && chown(logs.c_str(), 65534, 65534) == 0);
+    std::ofstream(victim) << "victim\n";
+    auto plant = [&](std::string const& at, uid_t owner) {
+        return symlink(victim.c_str(), at.c_str()) == 0 && lchown(at.c_str(), owner, owner) == 0;
+    };
+    auto is_link = [](std::string const& at) { return fs::is_symlink(fs::symlink_status(at)); };
+    ASSERT_TRUE(plant(name, 65534));
+    std::unique_ptr<file_logger_impl_t> l(new file_logger_impl_t(name.c_str(), "2z,1k", ""));
+    EXPECT_FALSE(l->opened());
+    EXPECT_EQ(rec.lines, strings{" ERR [Logger] Refused to open logfile \"" + name +
+                                 "\" through a link owned by user 65534 because of Operation not permitted (errno=1)"});
+    g_now += 61 * k_tps;  // the retry makes a file of its own in the link's place
+    l->log_INFO("fresh");
+    EXPECT_TRUE(!is_link(name) && file_bodies(name) == strings{"fresh"});
+
+    // Lost, and a link in its place: the new file replaces the link.
+    ASSERT_TRUE(std::remove(name.c_str()) == 0 && plant(name, 65534));
+    g_now += k_tps;
+    l->log_INFO("re-created");
+    EXPECT_FALSE(is_link(name));
+    // A link named like the .gz: replaced by the compressed file.
+    ASSERT_TRUE(plant(name_of(name, 1, true), 65534));
+    for (int i = 0; !exists(name_of(name, 1, false)); ++i) l->log_INFO("line %d", i);
+    l->wait_compression();
+    EXPECT_FALSE(is_link(name_of(name, 1, true)));
+    EXPECT_NE(kept(name, 1, true).find("noname re-created\n"), std::string::npos);
+    EXPECT_EQ(read_file(victim), "victim\n");
+
+    // Root's link is followed.
+    std::string const own = logs + "/own.log";
+    ASSERT_TRUE(plant(own, 0));
+    l.reset(new file_logger_impl_t(own.c_str(), "", ""));
+    l->log_INFO("through root's link");
+    EXPECT_EQ(file_bodies(victim), (strings{"victim", "through root's link"}));
 }
 
 // Runs body in a child process (where gtest still reports failures) and
