@@ -70,6 +70,10 @@
 //  - With compression on, the shift of kept files also moves a plain file
 //    of an index (one left by a compression that failed or was cut short by
 //    the end of the process), so that no rotated file is overwritten.
+//  - The shift of kept files moves only the run of indexes from 1 up to the
+//    first one missing: files beyond a gap are in nobody's way and stay. A
+//    rotation thus costs a rename per kept file that exists, whatever the
+//    count ("1000000z,2k"), and a gap is filled rather than pushed on.
 //  - A compression that fails removes its partial .gz and keeps the plain
 //    file; a finished .gz is synced to disk before the plain file goes. A
 //    read failure keeps both: the .gz, a whole gzip stream of what could be
@@ -486,6 +490,8 @@ private:
     QVL_HIDDEN void renew_zone(timestamp_t now);
     // Rotation condition of write() step 3.
     QVL_HIDDEN bool rotation_due(timestamp_t now) const;
+    // Whether kept file n exists (plain, or with compression on also .gz).
+    QVL_HIDDEN bool kept_exists(q_uint32_t n) const;
     // fstat of the file: size, or the re-creation of a removed file.
     QVL_HIDDEN void check_file();
     // Writes through the descriptor write, counting the bytes.

@@ -479,6 +479,16 @@ void file_logger_impl_t::check_file() {
     if (!failures.empty()) write_own(failures);
 }
 
+bool file_logger_impl_t::kept_exists(q_uint32_t n) const {
+    std::string name;
+    struct stat st;
+    for (int gz = 0; gz <= (compress_ ? 1 : 0); ++gz) {
+        suffix(name, file_name_, n, gz != 0);
+        if (::lstat(name.c_str(), &st) == 0) return true;
+    }
+    return false;
+}
+
 bool file_logger_impl_t::rename(std::string const& from, std::string const& to, std::string* failures) {
     if (rename_retry(from, to) == 0) return true;
     error_saver_t const saved;
@@ -503,10 +513,16 @@ void file_logger_impl_t::rotate() {
     write_own(line);
 
     // Older files move up one index; the one at count - 1 is overwritten.
-    // A missing index is no failure. With compression on, a plain file of
-    // an index (an unfinished compression's) moves up too.
+    // Only the run of indexes from 1 up to the first missing one moves: the
+    // files beyond a gap are in nobody's way, so that a rotation costs a
+    // rename per kept file that exists, whatever the count (1000000z), and
+    // a gap left by a failed rotation is filled, not pushed on. With
+    // compression on, a plain file of an index (an unfinished compression's)
+    // counts and moves up too.
     std::string from, to;
-    for (q_uint32_t n = count_ >= 3 ? count_ - 2 : 0; n >= 1; --n) {
+    q_uint32_t top = 1;  // the first index that stays
+    while (count_ >= 3 && top <= count_ - 2 && kept_exists(top)) ++top;
+    for (q_uint32_t n = top - 1; n >= 1; --n) {
         for (int gz = compress_ ? 1 : 0; gz >= 0; --gz) {
             suffix(from, file_name_, n, gz != 0);
             suffix(to, file_name_, n + 1, gz != 0);

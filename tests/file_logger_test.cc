@@ -269,7 +269,7 @@ void check_size_rotation(unsigned count, bool gz) {
 }
 
 TEST(FileLoggerRotation, BySizeKeepsCountFiles) {
-    for (unsigned count : {1u, 2u, 3u, 10u}) {
+    for (unsigned count : {1u, 2u, 3u, 10u, 4000000000u}) {  // the last: a rename per file there is
         check_size_rotation(count, false);
         check_size_rotation(count, true);
     }
