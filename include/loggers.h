@@ -70,6 +70,16 @@
 //  - With compression on, the shift of kept files also moves a plain file
 //    of an index (one left by a compression that failed or was cut short by
 //    the end of the process), so that no rotated file is overwritten.
+//  - No line is lost to a failed rotation. A file that cannot be renamed,
+//    or that was renamed when no new file could be opened (it then gets its
+//    name back), stays the log with its descriptor: it is never truncated
+//    nor re-created, the failures go into it (after the notice) and to the
+//    handlers once, and the rotation is tried again at the pace of the
+//    reopen gate, quietly while it fails; the retry that succeeds ends the
+//    rotated file with the notice. Only a rename that fails because the
+//    file has left its name already (removed, moved away) makes a new file,
+//    with the failures in it. With a count of 1 the file is replaced by a
+//    new one, or kept when none can be made.
 //  - The shift of kept files moves only the run of indexes from 1 up to the
 //    first one missing: files beyond a gap are in nobody's way and stay. A
 //    rotation thus costs a rename per kept file that exists, whatever the
@@ -490,6 +500,10 @@ private:
     QVL_HIDDEN void renew_zone(timestamp_t now);
     // Rotation condition of write() step 3.
     QVL_HIDDEN bool rotation_due(timestamp_t now) const;
+    // A rotation that failed keeps the file: the retry waits for the reopen
+    // gate; a first failure writes its failures into the file and reports.
+    QVL_HIDDEN void defer_rotation(timestamp_t now, bool retry, std::string const& failures,
+                                   std::string const& report);
     // Whether kept file n exists (plain, or with compression on also .gz).
     QVL_HIDDEN bool kept_exists(q_uint32_t n) const;
     // fstat of the file: size, or the re-creation of a removed file.
@@ -505,7 +519,9 @@ private:
     mutex_t file_mutex_;
     std::atomic<bool> file_busy_;
     timestamp_t next_check_;
-    bool rename_failure_reported_;
+    // Set when a rotation failed and was reported; its retries report
+    // nothing until one succeeds.
+    bool rotation_failed_;
     bool reopen_failure_reported_;
     std::atomic<bool> opened_;
     std::string file_name_;

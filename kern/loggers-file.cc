@@ -255,7 +255,7 @@ if_logger_t* file_logger_t::create(char const* name, char const* rotation, std::
 file_logger_impl_t::file_logger_impl_t(char const* name, char const* rotation, std::string banner)
     : fd_logger_impl_t(-1),
       file_busy_(false),
-      rename_failure_reported_(false),
+      rotation_failed_(false),
       reopen_failure_reported_(false),
       opened_(false),
       size_limit_(k_default_size_limit),
@@ -328,10 +328,6 @@ bool file_logger_impl_t::open(bool recreate, std::string* failures) {
         errno = open_errno_;
         return false;
     }
-    if (fd_ != -1) {
-        write_repeat_summary();
-        close();
-    }
     // The minute only spaces out attempts after a failure: a successful open
     // clears it below, so that the reopen of the next rotation (every 2 KiB,
     // say) or of a file removed right after this open goes ahead at once.
@@ -375,7 +371,12 @@ bool file_logger_impl_t::open(bool recreate, std::string* failures) {
         }
         return false;
     }
+    // The file in use is given up only now that the new one is open: a
+    // failure above leaves it in place, and no line is lost to it.
+    int const old = fd_;
+    if (old != -1) write_repeat_summary();
     set_fd(fd);
+    if (old != -1) close_once(old);
     next_reopen_ = timestamp_t();
     opened_.store(true, std::memory_order_release);
     off_t const end = ::lseek(fd, 0, SEEK_END);
@@ -414,7 +415,8 @@ void file_logger_impl_t::write_own(std::string const& text) {
 }
 
 bool file_logger_impl_t::rotation_due(timestamp_t now) const {
-    if (fd_ == -1) return false;
+    // After a failed rotation, the next try waits for the reopen gate.
+    if (fd_ == -1 || !reached(now, next_reopen_, k_minute)) return false;
     if (time_limit_ > 0) return local_ticks(now) >= next_rotation_;
     return size_limit_ >= 0 && current_size_ >= 0 && current_size_ >= size_limit_;
 }
@@ -508,9 +510,13 @@ void file_logger_impl_t::rotate() {
     rotation_hold_t const hold(new xlocker_t<rwlock_t>(rwlock_));
     timestamp_t const now = clock();
     if (!rotation_due(now)) return;
-    std::string line;
-    prepare(line, INFO, "[Logger] Logfile has grown over \"%s\" limit, rotating", rotation_text_.c_str());
-    write_own(line);
+    // A failed rotation keeps the file and is tried again at the pace of the
+    // reopen gate. Its notice and failures are in the file and were
+    // reported: a retry adds only the notice of a rotation that goes ahead.
+    bool const retry = rotation_failed_;
+    std::string notice;
+    prepare(notice, INFO, "[Logger] Logfile has grown over \"%s\" limit, rotating", rotation_text_.c_str());
+    if (!retry) write_own(notice);
 
     // Older files move up one index; the one at count - 1 is overwritten.
     // Only the run of indexes from 1 up to the first missing one moves: the
@@ -519,7 +525,7 @@ void file_logger_impl_t::rotate() {
     // a gap left by a failed rotation is filled, not pushed on. With
     // compression on, a plain file of an index (an unfinished compression's)
     // counts and moves up too.
-    std::string from, to;
+    std::string line, from, to;
     q_uint32_t top = 1;  // the first index that stays
     while (count_ >= 3 && top <= count_ - 2 && kept_exists(top)) ++top;
     for (q_uint32_t n = top - 1; n >= 1; --n) {
@@ -530,40 +536,45 @@ void file_logger_impl_t::rotate() {
             error_saver_t const saved;
             prepare(line, FAULT, "[Logger] Unable to rename \"%s\" to \"%s\" because of %s", from.c_str(), to.c_str(),
                     get_last_error(saved).c_str());
-            write_own(line);
+            if (!retry) write_own(line);
         }
     }
 
-    std::string failures;
-    std::string rotated;
-    bool pack_it = false;
+    // The file is renamed to index 1 (with count 1 it is simply replaced)
+    // and a new one opened; should that fail, the file gets its name back.
+    // Either way the descriptor in use stays until a new one is open.
+    std::string failures, rotated, rename_error;
     if (count_ > 1) {
         suffix(rotated, file_name_, 1, false);
-        if (rename(file_name_, rotated, &failures)) {
-            pack_it = compress_;
-            rename_failure_reported_ = false;
-        } else {
-            error_saver_t const saved;
+        if (!rename(file_name_, rotated, &failures)) {
+            bool const gone = errno == ENOENT;
+            rename_error = get_last_error();
             if (compress_) {
                 prepare(line, WARNING, "[Logger] Old log file will not be compressed because of rename operation failed");
                 add_failure(&failures, line);
             }
-            if (!rename_failure_reported_) {
-                rename_failure_reported_ = true;
-                notify_error(if_logger_error_t::rotation_failed,
-                             "Unable to rename log file because of " + get_last_error(saved));
+            // Unless the file has left its name already (removed or moved
+            // away), it stays the log: a new one would take none of its lines.
+            if (!gone) {
+                defer_rotation(now, retry, failures, "Unable to rename log file because of " + rename_error);
+                return;
             }
         }
     }
+    bool const renamed = count_ > 1 && rename_error.empty();
+    if (renamed && retry) write_own(notice);  // the end of the rotated file
     if (!open(true, &failures)) {
-        // The re-open-failure flag is left to write(): the line it drops next
-        // is still to be reported there.
-        error_saver_t const saved;
-        notify_error(if_logger_error_t::rotation_failed, "Unable to re-open log file because of " + get_last_error(saved));
-    } else if (!failures.empty()) {
-        write_own(failures);
+        std::string const error = get_last_error();
+        if (renamed) rename(rotated, file_name_, &failures);
+        defer_rotation(now, retry, failures, "Unable to re-open log file because of " + error);
+        return;
     }
-    if (!pack_it) return;
+    rotation_failed_ = false;
+    if (!rename_error.empty()) {
+        write_own(failures);
+        notify_error(if_logger_error_t::rotation_failed, "Unable to rename log file because of " + rename_error);
+    }
+    if (!renamed || !compress_) return;
 
     std::string packed;
     suffix(packed, file_name_, 1, true);
@@ -585,6 +596,15 @@ void file_logger_impl_t::rotate() {
         write_own(line);
     }
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
+}
+
+void file_logger_impl_t::defer_rotation(timestamp_t now, bool retry, std::string const& failures,
+                                         std::string const& report) {
+    rotation_failed_ = true;
+    next_reopen_ = now + timegap_t(k_minute);
+    if (retry) return;
+    write_own(failures);
+    notify_error(if_logger_error_t::rotation_failed, report);
 }
 
 void file_logger_impl_t::prepare(std::string& out, msgclass_t c, char const* fmt, ...) {

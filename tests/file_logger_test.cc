@@ -388,7 +388,8 @@ TEST(FileLoggerRecovery, RenameAndCompressionFailures) {
     scene_t s(true);
     std::string const first = name_of(s.name, 1, false), packed = name_of(s.name, 1, true);
     std::string const why = "because of Is a directory (errno=21)";
-    // The rotated name taken: the file re-created with the failures in it.
+    // The rotated name taken: the file kept with the failures in it, reported
+    // once; retried at the reopen gate's pace, quietly while that fails.
     ASSERT_EQ(mkdir(first.c_str(), 0755), 0);
     std::ofstream(first + "/x") << "x";
     file_logger_impl_t* l = s.open("2z,1k");
@@ -399,19 +400,24 @@ TEST(FileLoggerRecovery, RenameAndCompressionFailures) {
         while (read_file(s.name).size() < 1024) l->log_INFO("line %d", i++);
         return read_file(s.name);
     };
-    for (int round = 0; round < 2; ++round) {
-        fill();
-        l->log_INFO("line %d", i++);
-        EXPECT_EQ(file_bodies(s.name),
-                  (strings{"[Logger] Unable to rename \"" + s.name + "\" to \"" + first + "\" " + why, "",
-                           "[Logger] Old log file will not be compressed because of rename operation failed",
-                           "line " + std::to_string(i - 1)}));
-        EXPECT_EQ(h.calls, strings{"1: Unable to rename log file " + why});  // once, until a rename succeeds
+    strings want = split_lines(fill(), true);
+    want.insert(want.end(), {"[Logger] Logfile has grown over \"1k\" limit, rotating",
+                             "[Logger] Unable to rename \"" + s.name + "\" to \"" + first + "\" " + why, "",
+                             "[Logger] Old log file will not be compressed because of rename operation failed"});
+    // The failure; within the minute; a retry that fails; and with the name
+    // free again, 30 s after that retry, still within its minute.
+    for (int step : {0, 59, 2, 30}) {
+        if (step == 30) fs::remove_all(first);
+        g_now += step * k_tps;
+        l->log_INFO("after %d", step);
+        want.push_back("after " + std::to_string(step));
     }
+    std::string const before = read_file(s.name);
+    EXPECT_EQ(split_lines(before, true), want);
+    EXPECT_EQ(h.calls, strings{"1: Unable to rename log file " + why});
 
-    // Free again: the whole file and its notice rotated and compressed.
-    fs::remove_all(first);
-    std::string const before = fill();
+    // A minute after the last retry: every line and the notice rotated.
+    g_now += 31 * k_tps;
     l->log_INFO("rotated");
     l->wait_compression();
     std::string const text = kept(s.name, 1, true);
@@ -504,22 +510,35 @@ bool private_tmpfs(std::string const& dir, char const* options) {
 }
 
 // No inode to spare, in a child on a private tmpfs: the rotation renames
-// the file but cannot re-open; the lines that write() then drops are
-// reported once too.
+// the file but cannot make a new one; the file gets its name back and every
+// line, and a minute later the rotation goes ahead with all of them. The
+// name has 250 characters: the new file's temporary name is cut to fit.
 TEST(FileLoggerRecovery, RotationWithoutInodes) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to mount a private tmpfs";
     handler_t h;
     scene_t s(true);
+    s.name = s.dir + "/" + std::string(246, 'a') + ".log";
     int const status = in_child([&] {
         if (!private_tmpfs(s.dir, "size=1m,nr_inodes=16")) return 77;
         file_logger_impl_t* l = s.open("2p,1k");
         l->insert_handler(&h);
         for (int i = 0; fs::file_size(s.name) < 1024; ++i) l->log_INFO("line %d", i);
-        for (int k = 0; ::close(creat((s.dir + "/" + std::to_string(k)).c_str(), 0600)) == 0; ++k) {
+        auto filler = [&](int k) { return s.dir + "/" + std::to_string(k); };
+        for (int k = 0; ::close(creat(filler(k).c_str(), 0600)) == 0; ++k) {
         }
-        for (int i = 0; i < 3; ++i) l->log_INFO("rotating %d", i);
-        std::string const why = "because of No space left on device (errno=28)";
-        EXPECT_EQ(h.calls, (strings{"1: Unable to re-open log file " + why, "0: unable to re-open log file " + why}));
+        for (int i = 0; i < 3; ++i) l->log_INFO("kept %d", i);
+        for (int k = 0; std::remove(filler(k).c_str()) == 0; ++k) {
+        }
+        std::string const before = read_file(s.name), why = "because of No space left on device (errno=28)";
+        strings const tail = split_lines(before, true);
+        EXPECT_EQ(strings(tail.end() - std::min<size_t>(tail.size(), 5), tail.end()),
+                  (strings{"[Logger] Logfile has grown over \"1k\" limit, rotating",
+                           "[Logger] Unable to open logfile \"" + s.name + "\" " + why, "kept 0", "kept 1", "kept 2"}));
+        g_now += 61 * k_tps;
+        l->log_INFO("rotated");
+        EXPECT_EQ(read_file(name_of(s.name, 1, false)).compare(0, before.size(), before), 0);
+        EXPECT_EQ(file_bodies(s.name), strings{"rotated"});
+        EXPECT_EQ(h.calls, strings{"1: Unable to re-open log file " + why});
         return int(testing::Test::HasFailure());
     });
     if (status == 77) GTEST_SKIP() << "cannot mount a private tmpfs here";
