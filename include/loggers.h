@@ -118,6 +118,9 @@
 //    retries: a waiting time further ahead than it is ever set counts as
 //    passed.
 //  - The compression thread is listed in the thread registry as "logzip".
+//  - The file logger's own lines (notices, failures, the banner) are
+//    formatted by the process logger, which may add no line end (a chain);
+//    the file logger then adds one, so that the next record starts a line.
 #ifndef QVLKERN_LOGGERS_H
 #define QVLKERN_LOGGERS_H
 
@@ -508,8 +511,12 @@ private:
     QVL_HIDDEN bool kept_exists(q_uint32_t n) const;
     // fstat of the file: size, or the re-creation of a removed file.
     QVL_HIDDEN void check_file();
-    // Writes through the descriptor write, counting the bytes.
+    // Writes the logger's own lines through the descriptor write, counting
+    // the bytes.
     QVL_HIDDEN void write_own(std::string const& text);
+    // The same without counting (the compression thread's): the text, ended
+    // with a line end when it has none.
+    QVL_HIDDEN size_t write_lines(std::string const& text);
     // The descriptor's new value, set under the write mutex that the
     // compression thread's messages take.
     QVL_HIDDEN void set_fd(int fd);

@@ -410,8 +410,16 @@ size_t file_logger_impl_t::read_fd(char* buffer, q_int64_t offset, size_t size) 
 }
 
 void file_logger_impl_t::write_own(std::string const& text) {
-    size_t const n = write_fd(text.data(), text.size());
+    size_t const n = write_lines(text);
     if (current_size_ >= 0) current_size_ += static_cast<q_int64_t>(n);
+}
+
+size_t file_logger_impl_t::write_lines(std::string const& text) {
+    if (text.empty() || text.back() == '\n') return write_fd(text.data(), text.size());
+    // Formatted by a process logger that adds no line end (a chain): the
+    // next record would go on on the same line.
+    std::string const line = text + '\n';
+    return write_fd(line.data(), line.size());
 }
 
 bool file_logger_impl_t::rotation_due(timestamp_t now) const {

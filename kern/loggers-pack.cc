@@ -237,7 +237,7 @@ void file_logger_impl_t::pack(rotation_hold_t hold, std::string const& from, std
             prepare(message, INFO, "[Logger] Compression of \"%s\" failed because of an unknown exception",
                     from.c_str());
         }
-        if (!message.empty()) write_fd(message.data(), message.size());
+        write_lines(message);
     } catch (abi::__forced_unwind&) {
         throw;
     } catch (...) {

@@ -275,6 +275,33 @@ TEST(FileLoggerRotation, BySizeKeepsCountFiles) {
     }
 }
 
+// A chain as the process logger formats the file logger's own lines (the
+// notice ending a file, the banner opening the next) without a line end:
+// every record must still be a line of its own, starting with its stamp.
+TEST(FileLoggerRotation, OwnLinesEndUnderAChain) {
+    scene_t s;
+    if_logger_t::Log = fd_logger_t::create(-1);  // replaced, and deleted, by init_logger
+    ASSERT_TRUE(init_logger("INFO", s.name.c_str(), "10p,1k", "banner", syslog_logger_t::create(184)));
+    std::unique_ptr<if_logger_t> chain(if_logger_t::Log);
+    dynamic_cast<chain_logger_impl_t&>(*chain).second->set_level(-1);  // nothing to the system log
+    for (int i = 0; i < 100; ++i) chain->log_INFO("line %02d", i);
+    strings texts{read_file(s.name)};
+    for (unsigned n = 1; exists(name_of(s.name, n, false)); ++n) texts.push_back(read_file(name_of(s.name, n, false)));
+    EXPECT_GE(texts.size(), 4u);  // about five rotations
+    int records = 0;
+    for (std::string const& text : texts) {
+        EXPECT_TRUE(!text.empty() && text.back() == '\n');
+        for (std::string const& line : split_lines(text)) {
+            bool stamped = line.size() > 18;
+            for (size_t i = 0; stamped && i < 18; ++i)
+                stamped = i == 8 || i == 15 ? line[i] == '.' : line[i] >= '0' && line[i] <= '9';
+            EXPECT_TRUE(stamped) << line;
+            records += body(line).size() == 7 && body(line).compare(0, 5, "line ") == 0;
+        }
+    }
+    EXPECT_EQ(records, 100);
+}
+
 TEST(FileLoggerRotation, ByLocalPeriodsAndFirstLineStamp) {
     zone_guard_t zone;
     scene_t s(true);
