@@ -70,10 +70,44 @@
 //  - With compression on, the shift of kept files also moves a plain file
 //    of an index (one left by a compression that failed or was cut short by
 //    the end of the process), so that no rotated file is overwritten.
+//  - No line is lost to a failed rotation. A file that cannot be renamed,
+//    or that was renamed when no new file could be opened (it then gets its
+//    name back), stays the log with its descriptor: it is never truncated
+//    nor re-created, the failures go into it (after the notice) and to the
+//    handlers once, and the rotation is tried again at the pace of the
+//    reopen gate, quietly while it fails; the retry that succeeds ends the
+//    rotated file with the notice. Only a rename that fails because the
+//    file has left its name already (removed, moved away) makes a new file,
+//    with the failures in it. With a count of 1 the file is replaced by a
+//    new one, or kept when none can be made.
+//  - The shift of kept files moves only the run of indexes from 1 up to the
+//    first one missing: files beyond a gap are in nobody's way and stay. A
+//    rotation thus costs a rename per kept file that exists, whatever the
+//    count ("1000000z,2k"), and a gap is filled rather than pushed on.
 //  - A compression that fails removes its partial .gz and keeps the plain
-//    file; a finished .gz is synced to disk before the plain file goes.
-//  - A re-created log file is opened appending, like the first open, so that
-//    lines are never written over another writer's.
+//    file; a finished .gz is synced to disk before the plain file goes. A
+//    read failure keeps both: the .gz, a whole gzip stream of what could be
+//    read, is then the file "written partially" that the report names.
+//  - Nothing leaves the compression thread: a report that it cannot format
+//    (no memory), or whose failed write makes a handler throw, is dropped.
+//  - Files that the logger makes, a re-created log file or a .gz, are
+//    created under their name plus "." and six random letters or digits (the
+//    name cut short where it would exceed the 255 characters a name may
+//    have), exclusively and without following a link, then renamed into
+//    place: what another account has put at the name (a link to a file of
+//    root's, say) is replaced, never written through. A re-created log file
+//    thus replaces the file at its name instead of truncating it, and is
+//    opened appending, so that a tool truncating it never gets lines written
+//    over.
+//    Kept files are made by renames, which follow no link; the rotated file
+//    is read for compression without following one.
+//  - The first open follows a link at the log's name only when root or the
+//    process's effective user owns it (each link of a chain checked, owner
+//    and target read from the same link). Another account's link is
+//    refused, and the process logger told, at class 1: "[Logger] Refused to
+//    open logfile \"%s\" through a link owned by user %u because of %s",
+//    with the text of EPERM. Hard links are left to the kernel's
+//    protected_hardlinks.
 //  - Rotation specifications: blanks around them are ignored, the letters
 //    (z, p, units, "NONE") are case-insensitive, a count or number left out
 //    reads as 0 (its default), and text that fits none of the forms, before
@@ -84,6 +118,9 @@
 //    retries: a waiting time further ahead than it is ever set counts as
 //    passed.
 //  - The compression thread is listed in the thread registry as "logzip".
+//  - The file logger's own lines (notices, failures, the banner) are
+//    formatted by the process logger, which may add no line end (a chain);
+//    the file logger then adds one, so that the next record starts a line.
 #ifndef QVLKERN_LOGGERS_H
 #define QVLKERN_LOGGERS_H
 
@@ -410,9 +447,10 @@ public:
     // ones, callers hold the file mutex, as write() does, or are the only
     // thread using the logger.
     //
-    // (Re)opens the file: appending, or created empty with recreate (then
-    // at most once a minute after a failed attempt; failures go to the
-    // list). Writes the banner. False when no file is open.
+    // (Re)opens the file: appending (through trusted links only), or with
+    // recreate a new empty file in place of what is at the name (then at
+    // most once a minute after a failed attempt; failures go to the list).
+    // Writes the banner. False when no file is open.
     bool open(bool recreate, std::string* failures);
     // Rotates when still due: shift, rename, reopen, compression thread.
     void rotate();
@@ -465,10 +503,20 @@ private:
     QVL_HIDDEN void renew_zone(timestamp_t now);
     // Rotation condition of write() step 3.
     QVL_HIDDEN bool rotation_due(timestamp_t now) const;
+    // A rotation that failed keeps the file: the retry waits for the reopen
+    // gate; a first failure writes its failures into the file and reports.
+    QVL_HIDDEN void defer_rotation(timestamp_t now, bool retry, std::string const& failures,
+                                   std::string const& report);
+    // Whether kept file n exists (plain, or with compression on also .gz).
+    QVL_HIDDEN bool kept_exists(q_uint32_t n) const;
     // fstat of the file: size, or the re-creation of a removed file.
     QVL_HIDDEN void check_file();
-    // Writes through the descriptor write, counting the bytes.
+    // Writes the logger's own lines through the descriptor write, counting
+    // the bytes.
     QVL_HIDDEN void write_own(std::string const& text);
+    // The same without counting (the compression thread's): the text, ended
+    // with a line end when it has none.
+    QVL_HIDDEN size_t write_lines(std::string const& text);
     // The descriptor's new value, set under the write mutex that the
     // compression thread's messages take.
     QVL_HIDDEN void set_fd(int fd);
@@ -478,7 +526,9 @@ private:
     mutex_t file_mutex_;
     std::atomic<bool> file_busy_;
     timestamp_t next_check_;
-    bool rename_failure_reported_;
+    // Set when a rotation failed and was reported; its retries report
+    // nothing until one succeeds.
+    bool rotation_failed_;
     bool reopen_failure_reported_;
     std::atomic<bool> opened_;
     std::string file_name_;

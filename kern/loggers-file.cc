@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -165,14 +166,6 @@ bool read_line_stamp(char const* p, q_int64_t& local) {
     return true;
 }
 
-int rename_retry(std::string const& from, std::string const& to) {
-    int rc;
-    do {
-        rc = ::rename(from.c_str(), to.c_str());
-    } while (rc == -1 && errno == EINTR);
-    return rc;
-}
-
 // The system's text of a saved error code.
 std::string error_text(int code) {
     errno = code;
@@ -181,6 +174,73 @@ std::string error_text(int code) {
 }
 
 }  // namespace
+
+namespace kern_n {
+namespace detail {
+
+int create_fresh(std::string const& name, int flags, std::string& temp) {
+    static std::atomic<q_uint64_t> sequence{0};
+    // The last part of the name is cut where the suffix would make it
+    // longer than a name may be.
+    size_t const slash = name.rfind('/');
+    size_t const keep = std::min(name.size(), (slash == std::string::npos ? 0 : slash + 1) + (NAME_MAX - 7));
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        // Names only need to differ (O_EXCL makes the file new): the time,
+        // the process and a sequence, mixed (splitmix64's finaliser).
+        struct timespec ts;
+        clock_gettime(CLOCK_MONOTONIC, &ts);
+        q_uint64_t x = static_cast<q_uint64_t>(ts.tv_sec) * 1000000007u + static_cast<q_uint64_t>(ts.tv_nsec) +
+                       (static_cast<q_uint64_t>(process_id()) << 40) +
+                       0x9e3779b97f4a7c15ull * sequence.fetch_add(1, std::memory_order_relaxed);
+        x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
+        x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
+        x ^= x >> 31;
+        temp.assign(name, 0, keep).push_back('.');
+        for (int i = 0; i < 6; ++i, x /= 36) temp.push_back("0123456789abcdefghijklmnopqrstuvwxyz"[x % 36]);
+        int const fd = open_retry(temp.c_str(), flags | O_CREAT | O_EXCL | O_NOFOLLOW, k_log_mode);
+        if (fd != -1 || errno != EEXIST) return fd;
+    }
+    return -1;
+}
+
+int open_append_trusted(std::string const& name, uid_t& owner) {
+    int const flags = O_RDWR | O_CREAT | O_APPEND | O_NOCTTY;
+    std::string path = name;
+    // A chain of links is followed link by link, each one checked; the
+    // kernel's own limit on a chain is 40.
+    for (int depth = 0; depth < 40; ++depth) {
+        int const fd = open_retry(path.c_str(), flags | O_NOFOLLOW, k_log_mode);
+        if (fd != -1 || errno != ELOOP) return fd;
+        // The name is a link. Its owner and its text are read from one
+        // descriptor of the link itself: a link swapped in meanwhile by the
+        // owner of the directory is never the one followed.
+        int const link = open_retry(path.c_str(), O_PATH | O_NOFOLLOW, 0);
+        if (link == -1) return -1;
+        struct stat st;
+        char target[4096];
+        ssize_t n = -1;
+        if (::fstat(link, &st) == 0 && S_ISLNK(st.st_mode)) {
+            if (st.st_uid != 0 && st.st_uid != ::geteuid()) {
+                close_once(link);
+                owner = st.st_uid;
+                errno = EPERM;
+                return -1;
+            }
+            n = ::readlinkat(link, "", target, sizeof target);
+        }
+        close_once(link);
+        if (n <= 0 || static_cast<size_t>(n) == sizeof target) break;
+        std::string next(target, static_cast<size_t>(n));
+        size_t const slash = path.rfind('/');
+        if (next[0] != '/' && slash != std::string::npos) next.insert(0, path, 0, slash + 1);
+        path.swap(next);
+    }
+    errno = ELOOP;
+    return -1;
+}
+
+}  // namespace detail
+}  // namespace kern_n
 
 file_logger_impl_t::clock_fn_t file_logger_impl_t::clock = &coarse_now;
 
@@ -195,7 +255,7 @@ if_logger_t* file_logger_t::create(char const* name, char const* rotation, std::
 file_logger_impl_t::file_logger_impl_t(char const* name, char const* rotation, std::string banner)
     : fd_logger_impl_t(-1),
       file_busy_(false),
-      rename_failure_reported_(false),
+      rotation_failed_(false),
       reopen_failure_reported_(false),
       opened_(false),
       size_limit_(k_default_size_limit),
@@ -268,19 +328,29 @@ bool file_logger_impl_t::open(bool recreate, std::string* failures) {
         errno = open_errno_;
         return false;
     }
-    if (fd_ != -1) {
-        write_repeat_summary();
-        close();
-    }
     // The minute only spaces out attempts after a failure: a successful open
     // clears it below, so that the reopen of the next rotation (every 2 KiB,
     // say) or of a file removed right after this open goes ahead at once.
     next_reopen_ = now + timegap_t(k_minute);
     next_check_ = now + timegap_t(k_second);
-    // A re-created file is opened appending too: another writer on the same
-    // file, or a tool that truncates it, never gets lines written over.
-    int const flags = O_RDWR | O_CREAT | O_NOCTTY | O_APPEND | (recreate ? O_TRUNC : 0);
-    int const fd = open_retry(file_name_.c_str(), flags, k_log_mode);
+    // A re-created file is made new and renamed into place: it replaces what
+    // is at the name (a link of another account, say) instead of writing
+    // through it. It is opened appending too: a tool that truncates it
+    // never gets lines written over.
+    uid_t owner = 0;
+    int fd;
+    if (recreate) {
+        std::string temp;
+        fd = create_fresh(file_name_, O_RDWR | O_NOCTTY | O_APPEND, temp);
+        if (fd != -1 && rename_retry(temp, file_name_) == -1) {
+            error_saver_t const saved;  // the rename's error, for the report
+            unlink_retry(temp);
+            close_once(fd);
+            fd = -1;
+        }
+    } else {
+        fd = open_append_trusted(file_name_, owner);
+    }
     if (fd == -1) {
         error_saver_t const saved;
         open_errno_ = saved.code;
@@ -290,14 +360,23 @@ bool file_logger_impl_t::open(bool recreate, std::string* failures) {
             prepare(line, FAULT, "[Logger] Unable to open logfile \"%s\" because of %s", file_name_.c_str(),
                     error.c_str());
             add_failure(failures, line);
-        } else {
-            if_logger_t* const l = Log;
-            if (l && l->is_logged(FAULT))
+        } else if (if_logger_t* const l = Log) {
+            if (!l->is_logged(FAULT)) {
+            } else if (owner) {
+                l->log_FAULT("[Logger] Refused to open logfile \"%s\" through a link owned by user %u because of %s",
+                             file_name_.c_str(), static_cast<unsigned>(owner), error.c_str());
+            } else {
                 l->log_FAULT("[Logger] Unable to open logfile \"%s\" because of %s", file_name_.c_str(), error.c_str());
+            }
         }
         return false;
     }
+    // The file in use is given up only now that the new one is open: a
+    // failure above leaves it in place, and no line is lost to it.
+    int const old = fd_;
+    if (old != -1) write_repeat_summary();
     set_fd(fd);
+    if (old != -1) close_once(old);
     next_reopen_ = timestamp_t();
     opened_.store(true, std::memory_order_release);
     off_t const end = ::lseek(fd, 0, SEEK_END);
@@ -331,12 +410,21 @@ size_t file_logger_impl_t::read_fd(char* buffer, q_int64_t offset, size_t size) 
 }
 
 void file_logger_impl_t::write_own(std::string const& text) {
-    size_t const n = write_fd(text.data(), text.size());
+    size_t const n = write_lines(text);
     if (current_size_ >= 0) current_size_ += static_cast<q_int64_t>(n);
 }
 
+size_t file_logger_impl_t::write_lines(std::string const& text) {
+    if (text.empty() || text.back() == '\n') return write_fd(text.data(), text.size());
+    // Formatted by a process logger that adds no line end (a chain): the
+    // next record would go on on the same line.
+    std::string const line = text + '\n';
+    return write_fd(line.data(), line.size());
+}
+
 bool file_logger_impl_t::rotation_due(timestamp_t now) const {
-    if (fd_ == -1) return false;
+    // After a failed rotation, the next try waits for the reopen gate.
+    if (fd_ == -1 || !reached(now, next_reopen_, k_minute)) return false;
     if (time_limit_ > 0) return local_ticks(now) >= next_rotation_;
     return size_limit_ >= 0 && current_size_ >= 0 && current_size_ >= size_limit_;
 }
@@ -401,6 +489,16 @@ void file_logger_impl_t::check_file() {
     if (!failures.empty()) write_own(failures);
 }
 
+bool file_logger_impl_t::kept_exists(q_uint32_t n) const {
+    std::string name;
+    struct stat st;
+    for (int gz = 0; gz <= (compress_ ? 1 : 0); ++gz) {
+        suffix(name, file_name_, n, gz != 0);
+        if (::lstat(name.c_str(), &st) == 0) return true;
+    }
+    return false;
+}
+
 bool file_logger_impl_t::rename(std::string const& from, std::string const& to, std::string* failures) {
     if (rename_retry(from, to) == 0) return true;
     error_saver_t const saved;
@@ -420,15 +518,25 @@ void file_logger_impl_t::rotate() {
     rotation_hold_t const hold(new xlocker_t<rwlock_t>(rwlock_));
     timestamp_t const now = clock();
     if (!rotation_due(now)) return;
-    std::string line;
-    prepare(line, INFO, "[Logger] Logfile has grown over \"%s\" limit, rotating", rotation_text_.c_str());
-    write_own(line);
+    // A failed rotation keeps the file and is tried again at the pace of the
+    // reopen gate. Its notice and failures are in the file and were
+    // reported: a retry adds only the notice of a rotation that goes ahead.
+    bool const retry = rotation_failed_;
+    std::string notice;
+    prepare(notice, INFO, "[Logger] Logfile has grown over \"%s\" limit, rotating", rotation_text_.c_str());
+    if (!retry) write_own(notice);
 
     // Older files move up one index; the one at count - 1 is overwritten.
-    // A missing index is no failure. With compression on, a plain file of
-    // an index (an unfinished compression's) moves up too.
-    std::string from, to;
-    for (q_uint32_t n = count_ >= 3 ? count_ - 2 : 0; n >= 1; --n) {
+    // Only the run of indexes from 1 up to the first missing one moves: the
+    // files beyond a gap are in nobody's way, so that a rotation costs a
+    // rename per kept file that exists, whatever the count (1000000z), and
+    // a gap left by a failed rotation is filled, not pushed on. With
+    // compression on, a plain file of an index (an unfinished compression's)
+    // counts and moves up too.
+    std::string line, from, to;
+    q_uint32_t top = 1;  // the first index that stays
+    while (count_ >= 3 && top <= count_ - 2 && kept_exists(top)) ++top;
+    for (q_uint32_t n = top - 1; n >= 1; --n) {
         for (int gz = compress_ ? 1 : 0; gz >= 0; --gz) {
             suffix(from, file_name_, n, gz != 0);
             suffix(to, file_name_, n + 1, gz != 0);
@@ -436,39 +544,45 @@ void file_logger_impl_t::rotate() {
             error_saver_t const saved;
             prepare(line, FAULT, "[Logger] Unable to rename \"%s\" to \"%s\" because of %s", from.c_str(), to.c_str(),
                     get_last_error(saved).c_str());
-            write_own(line);
+            if (!retry) write_own(line);
         }
     }
 
-    std::string failures;
-    std::string rotated;
-    bool pack_it = false;
+    // The file is renamed to index 1 (with count 1 it is simply replaced)
+    // and a new one opened; should that fail, the file gets its name back.
+    // Either way the descriptor in use stays until a new one is open.
+    std::string failures, rotated, rename_error;
     if (count_ > 1) {
         suffix(rotated, file_name_, 1, false);
-        if (rename(file_name_, rotated, &failures)) {
-            pack_it = compress_;
-            rename_failure_reported_ = false;
-        } else {
-            error_saver_t const saved;
+        if (!rename(file_name_, rotated, &failures)) {
+            bool const gone = errno == ENOENT;
+            rename_error = get_last_error();
             if (compress_) {
                 prepare(line, WARNING, "[Logger] Old log file will not be compressed because of rename operation failed");
                 add_failure(&failures, line);
             }
-            if (!rename_failure_reported_) {
-                rename_failure_reported_ = true;
-                notify_error(if_logger_error_t::rotation_failed,
-                             "Unable to rename log file because of " + get_last_error(saved));
+            // Unless the file has left its name already (removed or moved
+            // away), it stays the log: a new one would take none of its lines.
+            if (!gone) {
+                defer_rotation(now, retry, failures, "Unable to rename log file because of " + rename_error);
+                return;
             }
         }
     }
+    bool const renamed = count_ > 1 && rename_error.empty();
+    if (renamed && retry) write_own(notice);  // the end of the rotated file
     if (!open(true, &failures)) {
-        error_saver_t const saved;
-        reopen_failure_reported_ = true;
-        notify_error(if_logger_error_t::rotation_failed, "Unable to re-open log file because of " + get_last_error(saved));
-    } else if (!failures.empty()) {
-        write_own(failures);
+        std::string const error = get_last_error();
+        if (renamed) rename(rotated, file_name_, &failures);
+        defer_rotation(now, retry, failures, "Unable to re-open log file because of " + error);
+        return;
     }
-    if (!pack_it) return;
+    rotation_failed_ = false;
+    if (!rename_error.empty()) {
+        write_own(failures);
+        notify_error(if_logger_error_t::rotation_failed, "Unable to rename log file because of " + rename_error);
+    }
+    if (!renamed || !compress_) return;
 
     std::string packed;
     suffix(packed, file_name_, 1, true);
@@ -490,6 +604,15 @@ void file_logger_impl_t::rotate() {
         write_own(line);
     }
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
+}
+
+void file_logger_impl_t::defer_rotation(timestamp_t now, bool retry, std::string const& failures,
+                                         std::string const& report) {
+    rotation_failed_ = true;
+    next_reopen_ = now + timegap_t(k_minute);
+    if (retry) return;
+    write_own(failures);
+    notify_error(if_logger_error_t::rotation_failed, report);
 }
 
 void file_logger_impl_t::prepare(std::string& out, msgclass_t c, char const* fmt, ...) {

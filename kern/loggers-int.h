@@ -388,6 +388,26 @@ inline int unlink_retry(std::string const& name) {
     return rc;
 }
 
+inline int rename_retry(std::string const& from, std::string const& to) {
+    int rc;
+    do {
+        rc = ::rename(from.c_str(), to.c_str());
+    } while (rc == -1 && errno == EINTR);
+    return rc;
+}
+
+// Makes a new file for the logger under name plus a random suffix
+// ("agent.log.k3x9qz"), exclusively and without following a link, so that
+// it is the logger's own; temp gets its name. Renamed over name once ready,
+// it replaces whatever another account has put there instead of writing
+// through it. -1 and errno on failure.
+int create_fresh(std::string const& name, int flags, std::string& temp);
+
+// Opens the log file name for appending, creating it when missing. A link
+// at the name is followed only when root or the process's effective user
+// owns it; another owner's link is refused with EPERM and reported in owner.
+int open_append_trusted(std::string const& name, uid_t& owner);
+
 // close(2) is never retried: Linux frees the descriptor also when it reports
 // EINTR, and a second close could hit a descriptor that another thread has
 // just been given.

@@ -64,25 +64,50 @@ private:
     gzFile gz_;
 };
 
+// A file being written, removed at the end of the scope unless kept: a
+// failure, also one that throws (no memory), leaves no partial .gz behind.
+class partial_file_t {
+public:
+    explicit partial_file_t(std::string const& name) : name_(&name) {}
+    ~partial_file_t() {
+        if (name_) unlink_retry(*name_);
+    }
+    partial_file_t(partial_file_t const&) = delete;
+    partial_file_t& operator=(partial_file_t const&) = delete;
+    void keep() { name_ = nullptr; }
+
+private:
+    std::string const* name_;
+};
+
+void report_create_failure(std::string const& to, std::string& message) {
+    error_saver_t const saved;
+    file_logger_impl_t::prepare(message, if_logger_t::INFO, "[Logger] Unable to create file \"%s\" because of %s",
+                                to.c_str(), get_last_error(saved).c_str());
+}
+
 // Compresses from into to and removes from. On a failure message becomes
 // the report, the partial to is removed and from stays, so that the rotated
-// lines are never lost nor left only in a truncated .gz. The thread that
+// lines are never lost nor left only in a truncated .gz; after a read
+// failure both stay. The thread that
 // runs this blocks every signal, so zlib's own writes see no EINTR.
 void compress_file(std::string const& from, std::string const& to, std::string& message) {
-    fd_holder_t in(open_retry(from.c_str(), O_RDONLY | O_NOCTTY, 0));
+    fd_holder_t in(open_retry(from.c_str(), O_RDONLY | O_NOCTTY | O_NOFOLLOW, 0));
     if (in.get() == -1) {
         error_saver_t const saved;
         file_logger_impl_t::prepare(message, if_logger_t::INFO, "[Logger] Unable to open file \"%s\" because of %s",
                                     from.c_str(), get_last_error(saved).c_str());
         return;
     }
-    fd_holder_t out(open_retry(to.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NOCTTY, k_log_mode));
+    // Written under a name of its own and renamed to to when whole: a link
+    // at to is replaced, never written through.
+    std::string temp;
+    fd_holder_t out(create_fresh(to, O_RDWR | O_NOCTTY, temp));
     if (out.get() == -1) {
-        error_saver_t const saved;
-        file_logger_impl_t::prepare(message, if_logger_t::INFO, "[Logger] Unable to create file \"%s\" because of %s",
-                                    to.c_str(), get_last_error(saved).c_str());
+        report_create_failure(to, message);
         return;
     }
+    partial_file_t partial(temp);
     // The stream gets a descriptor of its own and closes it; out stays open
     // for the fsync after the stream has written its trailer.
     fd_holder_t stream_fd(::fcntl(out.get(), F_DUPFD_CLOEXEC, 0));
@@ -92,12 +117,14 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
         file_logger_impl_t::prepare(message, if_logger_t::INFO,
                                     "[Logger] Unable to create compressed file \"%s\" because of %s", to.c_str(),
                                     error.c_str());
-        unlink_retry(to);
         return;
     }
     stream_fd.release();
 
     std::unique_ptr<char[]> const block(new char[k_pack_block]);
+    // A read failure ends the copy but not the stream: what was read is
+    // kept in a whole .gz, as the report says, and the plain file stays.
+    bool read_all = true;
     for (;;) {
         ssize_t got;
         do {
@@ -110,9 +137,8 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
                 message, if_logger_t::INFO,
                 "[Logger] File \"%s\" written partially because of unable to read file \"%s\" because of %s",
                 to.c_str(), from.c_str(), get_last_error(saved).c_str());
-            gzclose(gz.release());
-            unlink_retry(to);
-            return;
+            read_all = false;
+            break;
         }
         for (ssize_t put = 0; put < got;) {
             int const n = gzwrite(gz.get(), block.get() + put, static_cast<unsigned>(got - put));
@@ -123,7 +149,6 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
                                             "[Logger] Unable to write into file \"%s\" because of %s", to.c_str(),
                                             error.c_str());
                 gzclose(gz.release());
-                unlink_retry(to);
                 return;
             }
             put += n;
@@ -143,12 +168,16 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
         file_logger_impl_t::prepare(message, if_logger_t::INFO,
                                     "[Logger] Unable to write into file \"%s\" because of %s", to.c_str(),
                                     error.c_str());
-        unlink_retry(to);
         return;
     }
+    if (rename_retry(temp, to) == -1) {
+        report_create_failure(to, message);
+        return;
+    }
+    partial.keep();
     close_once(out.release());
     close_once(in.release());
-    if (unlink_retry(from) == -1) {
+    if (read_all && unlink_retry(from) == -1) {
         error_saver_t const saved;
         file_logger_impl_t::prepare(message, if_logger_t::INFO, "[Logger] Unable to remove file \"%s\" because of %s",
                                     from.c_str(), get_last_error(saved).c_str());
@@ -182,7 +211,7 @@ void file_logger_impl_t::pack_main(pack_job_t* raw) {
         try {
             entry.reset(new pack_entry_t);
             adopt.reset(new kern_n::runnable_t::wrap_helper_t(entry.get()));
-        } catch (std::exception const&) {
+        } catch (...) {
             // Unlisted, the thread shows as noname; the compression goes on.
         }
         job->logger->pack(hold, job->from, job->to);
@@ -191,19 +220,30 @@ void file_logger_impl_t::pack_main(pack_job_t* raw) {
 }
 
 void file_logger_impl_t::pack(rotation_hold_t hold, std::string const& from, std::string const& to) {
-    std::string message;
+    // Nothing leaves the compression thread: formatting a report can run out
+    // of memory, and writing it can fail and call a handler, which may throw.
+    // Only a cancellation unwinds on.
     try {
-        compress_file(from, to, message);
+        std::string message;
+        try {
+            compress_file(from, to, message);
+        } catch (abi::__forced_unwind&) {
+            throw;
+        } catch (boost::thread_interrupted const&) {
+            prepare(message, INFO, "[Logger] Compression of \"%s\" was interrupted", from.c_str());
+        } catch (std::exception const& e) {
+            prepare(message, INFO, "[Logger] Compression of \"%s\" failed because of %s", from.c_str(), e.what());
+        } catch (...) {
+            prepare(message, INFO, "[Logger] Compression of \"%s\" failed because of an unknown exception",
+                    from.c_str());
+        }
+        write_lines(message);
     } catch (abi::__forced_unwind&) {
         throw;
-    } catch (boost::thread_interrupted const&) {
-        prepare(message, INFO, "[Logger] Compression of \"%s\" was interrupted", from.c_str());
-    } catch (std::exception const& e) {
-        prepare(message, INFO, "[Logger] Compression of \"%s\" failed because of %s", from.c_str(), e.what());
     } catch (...) {
-        prepare(message, INFO, "[Logger] Compression of \"%s\" failed because of an unknown exception", from.c_str());
+        // The report could not be made or a handler threw: the compression
+        // is over all the same, and there is no one left to tell.
     }
-    if (!message.empty()) write_fd(message.data(), message.size());
     hold.reset();
 }
 

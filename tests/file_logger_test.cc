@@ -3,6 +3,7 @@
 // a clock of the tests' own for periods, checks and the reopen gate.
 #include "loggers.h"
 
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -17,8 +18,10 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -90,12 +93,14 @@ struct record_logger_t : if_logger_t {
     strings lines;
 };
 
-// Records each call as "type: text".
+// Records each call as "type: text", then throws when asked to (handlers may).
 struct handler_t : if_logger_error_t {
     void notify(if_logger_t*, error_type_t type, std::string const& text) override {
         calls.push_back(std::to_string(int(type)) + ": " + text);
+        if (throws) throw std::runtime_error("handler");
     }
     strings calls;
+    bool throws = false;
 };
 
 // The tests' clock: UTC ticks set by hand.
@@ -132,8 +137,9 @@ struct scene_t {
         l.reset(new file_logger_impl_t(name.c_str(), rotation, banner));
         return if_logger_t::Log = l.get(), l.get();
     }
-    // Destroys the logger, which waits for its compression.
-    void close() { if_logger_t::Log = saved, l.reset(); }
+    // Destroys the logger, which waits for its compression, and only then
+    // the process logger that the compression formats its reports with.
+    void close() { l.reset(), if_logger_t::Log = saved; }
 };
 
 TEST(FileLoggerNames, SuffixFailureListAndPrepare) {
@@ -263,10 +269,37 @@ void check_size_rotation(unsigned count, bool gz) {
 }
 
 TEST(FileLoggerRotation, BySizeKeepsCountFiles) {
-    for (unsigned count : {1u, 2u, 3u, 10u}) {
+    for (unsigned count : {1u, 2u, 3u, 10u, 4000000000u}) {  // the last: a rename per file there is
         check_size_rotation(count, false);
         check_size_rotation(count, true);
     }
+}
+
+// A chain as the process logger formats the file logger's own lines (the
+// notice ending a file, the banner opening the next) without a line end:
+// every record must still be a line of its own, starting with its stamp.
+TEST(FileLoggerRotation, OwnLinesEndUnderAChain) {
+    scene_t s;
+    if_logger_t::Log = fd_logger_t::create(-1);  // replaced, and deleted, by init_logger
+    ASSERT_TRUE(init_logger("INFO", s.name.c_str(), "10p,1k", "banner", syslog_logger_t::create(184)));
+    std::unique_ptr<if_logger_t> chain(if_logger_t::Log);
+    dynamic_cast<chain_logger_impl_t&>(*chain).second->set_level(-1);  // nothing to the system log
+    for (int i = 0; i < 100; ++i) chain->log_INFO("line %02d", i);
+    strings texts{read_file(s.name)};
+    for (unsigned n = 1; exists(name_of(s.name, n, false)); ++n) texts.push_back(read_file(name_of(s.name, n, false)));
+    EXPECT_GE(texts.size(), 4u);  // about five rotations
+    int records = 0;
+    for (std::string const& text : texts) {
+        EXPECT_TRUE(!text.empty() && text.back() == '\n');
+        for (std::string const& line : split_lines(text)) {
+            bool stamped = line.size() > 18;
+            for (size_t i = 0; stamped && i < 18; ++i)
+                stamped = i == 8 || i == 15 ? line[i] == '.' : line[i] >= '0' && line[i] <= '9';
+            EXPECT_TRUE(stamped) << line;
+            records += body(line).size() == 7 && body(line).compare(0, 5, "line ") == 0;
+        }
+    }
+    EXPECT_EQ(records, 100);
 }
 
 TEST(FileLoggerRotation, ByLocalPeriodsAndFirstLineStamp) {
@@ -382,7 +415,8 @@ TEST(FileLoggerRecovery, RenameAndCompressionFailures) {
     scene_t s(true);
     std::string const first = name_of(s.name, 1, false), packed = name_of(s.name, 1, true);
     std::string const why = "because of Is a directory (errno=21)";
-    // The rotated name taken: the file re-created with the failures in it.
+    // The rotated name taken: the file kept with the failures in it, reported
+    // once; retried at the reopen gate's pace, quietly while that fails.
     ASSERT_EQ(mkdir(first.c_str(), 0755), 0);
     std::ofstream(first + "/x") << "x";
     file_logger_impl_t* l = s.open("2z,1k");
@@ -393,19 +427,24 @@ TEST(FileLoggerRecovery, RenameAndCompressionFailures) {
         while (read_file(s.name).size() < 1024) l->log_INFO("line %d", i++);
         return read_file(s.name);
     };
-    for (int round = 0; round < 2; ++round) {
-        fill();
-        l->log_INFO("line %d", i++);
-        EXPECT_EQ(file_bodies(s.name),
-                  (strings{"[Logger] Unable to rename \"" + s.name + "\" to \"" + first + "\" " + why, "",
-                           "[Logger] Old log file will not be compressed because of rename operation failed",
-                           "line " + std::to_string(i - 1)}));
-        EXPECT_EQ(h.calls, strings{"1: Unable to rename log file " + why});  // once, until a rename succeeds
+    strings want = split_lines(fill(), true);
+    want.insert(want.end(), {"[Logger] Logfile has grown over \"1k\" limit, rotating",
+                             "[Logger] Unable to rename \"" + s.name + "\" to \"" + first + "\" " + why, "",
+                             "[Logger] Old log file will not be compressed because of rename operation failed"});
+    // The failure; within the minute; a retry that fails; and with the name
+    // free again, 30 s after that retry, still within its minute.
+    for (int step : {0, 59, 2, 30}) {
+        if (step == 30) fs::remove_all(first);
+        g_now += step * k_tps;
+        l->log_INFO("after %d", step);
+        want.push_back("after " + std::to_string(step));
     }
+    std::string const before = read_file(s.name);
+    EXPECT_EQ(split_lines(before, true), want);
+    EXPECT_EQ(h.calls, strings{"1: Unable to rename log file " + why});
 
-    // Free again: the whole file and its notice rotated and compressed.
-    fs::remove_all(first);
-    std::string const before = fill();
+    // A minute after the last retry: every line and the notice rotated.
+    g_now += 31 * k_tps;
     l->log_INFO("rotated");
     l->wait_compression();
     std::string const text = kept(s.name, 1, true);
@@ -425,14 +464,118 @@ TEST(FileLoggerRecovery, RenameAndCompressionFailures) {
     std::sort(lines.begin(), lines.end());  // the thread's line may come first
     EXPECT_EQ(lines, (strings{"logzip [Logger] Unable to create file \"" + packed + "\" " + why, "noname after"}));
     EXPECT_NE(read_file(first).find("noname rotated\n"), std::string::npos);
+
+    // A read failure: the .gz keeps what was read, as told, and the source.
+    std::string const partial = name_of(s.dir + "/p.log", 1, true);
+    l->pack(nullptr, "/proc/self/mem", partial);
+    EXPECT_EQ(file_bodies(s.name).back(), "[Logger] File \"" + partial +
+                                              "\" written partially because of unable to read file \"/proc/self/mem\" "
+                                              "because of Input/output error (errno=5)");
+    EXPECT_EQ(kept(s.dir + "/p.log", 1, true), "");
+}
+
+// A log directory owned by nobody, who plants links to a file of root's:
+// refused at the first open, replaced by the file re-created after a loss
+// and by the compressed file. Root's own link is followed.
+TEST(FileLoggerRecovery, OtherUsersLinksNeverWrittenThrough) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to give links to another user";
+    scene_t s(true);
+    record_logger_t rec;
+    if_logger_t::Log = &rec;
+    std::string const logs = s.dir + "/logs", name = logs + "/agent.log", victim = s.dir + "/victim";
+    ASSERT_TRUE(mkdir(logs.c_str(), 0755) == 0 && chown(logs.c_str(), 65534, 65534) == 0);
+    std::ofstream(victim) << "victim\n";
+    auto plant = [&](std::string const& at, uid_t owner) {
+        return symlink(victim.c_str(), at.c_str()) == 0 && lchown(at.c_str(), owner, owner) == 0;
+    };
+    auto is_link = [](std::string const& at) { return fs::is_symlink(fs::symlink_status(at)); };
+    ASSERT_TRUE(plant(name, 65534));
+    std::unique_ptr<file_logger_impl_t> l(new file_logger_impl_t(name.c_str(), "2z,1k", ""));
+    EXPECT_FALSE(l->opened());
+    EXPECT_EQ(rec.lines, strings{" ERR [Logger] Refused to open logfile \"" + name +
+                                 "\" through a link owned by user 65534 because of Operation not permitted (errno=1)"});
+    g_now += 61 * k_tps;  // the retry makes a file of its own in the link's place
+    l->log_INFO("fresh");
+    EXPECT_TRUE(!is_link(name) && file_bodies(name) == strings{"fresh"});
+
+    // Lost, and a link in its place: the new file replaces the link.
+    ASSERT_TRUE(std::remove(name.c_str()) == 0 && plant(name, 65534));
+    g_now += k_tps;
+    l->log_INFO("re-created");
+    EXPECT_FALSE(is_link(name));
+    // A link named like the .gz: replaced by the compressed file.
+    ASSERT_TRUE(plant(name_of(name, 1, true), 65534));
+    for (int i = 0; !exists(name_of(name, 1, false)); ++i) l->log_INFO("line %d", i);
+    l->wait_compression();
+    EXPECT_FALSE(is_link(name_of(name, 1, true)));
+    EXPECT_NE(kept(name, 1, true).find("noname re-created\n"), std::string::npos);
+    EXPECT_EQ(read_file(victim), "victim\n");
+
+    // Root's link is followed.
+    std::string const own = logs + "/own.log";
+    ASSERT_TRUE(plant(own, 0));
+    l.reset(new file_logger_impl_t(own.c_str(), "", ""));
+    l->log_INFO("through root's link");
+    EXPECT_EQ(file_bodies(victim), (strings{"victim", "through root's link"}));
+}
+
+// Runs body in a child process (where gtest still reports failures) and
+// answers its exit status, or 128 + the signal that ended it.
+int in_child(std::function<int()> const& body) {
+    pid_t const pid = fork();
+    if (pid == 0) _exit(body());
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Mounts a tmpfs of its own on dir, seen by the calling process alone (a
+// child process run by root: a private mount namespace).
+bool private_tmpfs(std::string const& dir, char const* options) {
+    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("tmpfs", dir.c_str(), "tmpfs", 0, options) == 0;
+}
+
+// No inode to spare, in a child on a private tmpfs: the rotation renames
+// the file but cannot make a new one; the file gets its name back and every
+// line, and a minute later the rotation goes ahead with all of them. The
+// name has 250 characters: the new file's temporary name is cut to fit.
+TEST(FileLoggerRecovery, RotationWithoutInodes) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to mount a private tmpfs";
+    handler_t h;
+    scene_t s(true);
+    s.name = s.dir + "/" + std::string(246, 'a') + ".log";
+    int const status = in_child([&] {
+        if (!private_tmpfs(s.dir, "size=1m,nr_inodes=16")) return 77;
+        file_logger_impl_t* l = s.open("2p,1k");
+        l->insert_handler(&h);
+        for (int i = 0; fs::file_size(s.name) < 1024; ++i) l->log_INFO("line %d", i);
+        auto filler = [&](int k) { return s.dir + "/" + std::to_string(k); };
+        for (int k = 0; ::close(creat(filler(k).c_str(), 0600)) == 0; ++k) {
+        }
+        for (int i = 0; i < 3; ++i) l->log_INFO("kept %d", i);
+        for (int k = 0; std::remove(filler(k).c_str()) == 0; ++k) {
+        }
+        std::string const before = read_file(s.name), why = "because of No space left on device (errno=28)";
+        strings const tail = split_lines(before, true);
+        EXPECT_EQ(strings(tail.end() - std::min<size_t>(tail.size(), 5), tail.end()),
+                  (strings{"[Logger] Logfile has grown over \"1k\" limit, rotating",
+                           "[Logger] Unable to open logfile \"" + s.name + "\" " + why, "kept 0", "kept 1", "kept 2"}));
+        g_now += 61 * k_tps;
+        l->log_INFO("rotated");
+        EXPECT_EQ(read_file(name_of(s.name, 1, false)).compare(0, before.size(), before), 0);
+        EXPECT_EQ(file_bodies(s.name), strings{"rotated"});
+        EXPECT_EQ(h.calls, strings{"1: Unable to re-open log file " + why});
+        return int(testing::Test::HasFailure());
+    });
+    if (status == 77) GTEST_SKIP() << "cannot mount a private tmpfs here";
+    EXPECT_EQ(status, 0);
 }
 
 // The full disk, in a child with a private 256 KiB tmpfs. Answers 0, 77 when
 // no tmpfs could be mounted, or the number of the check that failed.
 int full_disk_child(std::string const& mnt) {
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=256k") != 0)
-        return 77;
+    if (!private_tmpfs(mnt, "size=256k")) return 77;
     std::string const name = mnt + "/agent.log", filler = mnt + "/filler";
     handler_t h;
     file_logger_impl_t l(name.c_str(), "4z,16k", "");
@@ -449,18 +592,32 @@ int full_disk_child(std::string const& mnt) {
     if (read_file(name).find("noname after 299\n") == std::string::npos) return 4;
     for (unsigned n = 1; n < 4; ++n)
         if (exists(name_of(name, n, true)) && kept(name, n, true)[0] == '<') return 5;
-    return h.calls.size() != 1 ? 6 : 0;
+    if (h.calls.size() != 1) return 6;
+
+    // Full again with room left only in the last page of the file (and no
+    // kept file whose overwriting would free one): the rotation's notice
+    // fits, the compression's .gz and its report into the new, empty file do
+    // not. The handler told of that throws on the compression thread, which
+    // must swallow it and keep the plain file.
+    for (unsigned n = 1; n < 4; ++n) std::remove(name_of(name, n, true).c_str());
+    for (int k = 0; fs::file_size(name) < 16384; ++k) l.log_INFO("refill %d", k);
+    std::ofstream(filler) << std::string(256 << 10, 'f');
+    h.throws = true;
+    l.write("");
+    l.wait_compression();
+    h.throws = false;
+    std::remove(filler.c_str());
+    if (h.calls.size() != 2 || h.calls[1].find("0: No space left on device") != 0) return 7;
+    if (!exists(name_of(name, 1, false)) || exists(name_of(name, 1, true))) return 8;
+    return 0;
 }
 
 TEST(FileLoggerRecovery, FullDirectoryReportsOnceAndResumes) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to mount a private 256 KiB tmpfs";
     scene_t s;
-    pid_t const pid = fork();
-    if (pid == 0) _exit(full_disk_child(s.dir));
-    int status = 0;
-    ASSERT_TRUE(waitpid(pid, &status, 0) == pid && WIFEXITED(status)) << status;
-    if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "cannot mount a private tmpfs here";
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "failed check number " << WEXITSTATUS(status);
+    int const status = in_child([&] { return full_disk_child(s.dir); });
+    if (status == 77) GTEST_SKIP() << "cannot mount a private tmpfs here";
+    EXPECT_EQ(status, 0) << "failed check number (or 128 + signal)";
 }
 
 // Four threads write numbered lines through one logger rotating every
