@@ -2,6 +2,7 @@
 #include "exceptions.h"
 
 #include "loggers.h"
+#include "test-support.h"
 #include "utilities.h"
 
 #include <gmock/gmock.h>
@@ -221,18 +222,14 @@ TEST(Callstack, MarkersAndPointChains) {
     // The slot borrows a marker on its thread's stack: a thread that ends with
     // one left in it (capture switched off while the marker was live) frees
     // nothing. In a child, as a wrong free ends the process.
-    pid_t const child = fork();
-    if (child == 0) {
+    test_support::expect_child_ok([] {
         _q_exception_t::backtrace_enabled = true;
         std::thread([] {
             callstack_t left(__FILE__, 3, "left");
             _q_exception_t::backtrace_enabled = false;
         }).join();
-        _exit(0);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        return 0;
+    });
 }
 
 // Throws a family's shell with a cause and catches it as its direct base
@@ -262,21 +259,8 @@ TEST(ExceptionFamilies, CaughtByTheirBases) {
 #undef QVL_TEST_FAMILY
 }
 
-// The process logger for one scope, keeping "<class> <text>" lines; throws
-// std::bad_alloc from every call while broke.
-struct log_capture_t : if_logger_t {
-    log_capture_t() : if_logger_t(INFO), saved(Log) { Log = this; }
-    ~log_capture_t() override { Log = saved; }
-    bool is_stderr() const override { return false; }
-    size_t write(char const*) override { return 0; }
-    void log_va(msgclass_t c, char const* fmt, va_list ap) override {
-        if (broke) throw std::bad_alloc();
-        if (is_logged(c)) lines.push_back(std::to_string(c) + " " + q_format_va(fmt, ap));
-    }
-    std::vector<std::string> take() { return std::exchange(lines, {}); }
-    if_logger_t* saved;
-    std::vector<std::string> lines;
-    bool broke = false;
+struct log_capture_t : test_support::record_logger_t {
+    log_capture_t() : record_logger_t(INFO) {}
 };
 
 TEST(ExceptionLog, PrettyPrintAndBadAlloc) {

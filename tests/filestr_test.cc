@@ -3,9 +3,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,6 +19,7 @@
 
 #include "exceptions.h"
 #include "fs-stat.h"
+#include "test-support.h"
 
 namespace {
 
@@ -32,22 +31,8 @@ std::string slurp(std::string const& path) {
     return s;
 }
 
-int open_fds() {
-    int n = 0;
-    for (int fd = 0; fd < 1024; ++fd) n += fcntl(fd, F_GETFD) != -1;
-    return n;
-}
-
-// A fresh directory, removed with what it holds.
-struct scene_t {
-    std::string dir;
-    explicit scene_t(std::string base = "/tmp") {
-        std::string tmpl = base + "/filestr_test.XXXXXX";
-        dir = mkdtemp(&tmpl[0]);
-    }
-    ~scene_t() { EXPECT_EQ(std::system(("rm -rf '" + dir + "'").c_str()), 0); }
-    std::string operator/(std::string const& name) const { return dir + "/" + name; }
-};
+using test_support::open_fds;
+using scene_t = test_support::temp_dir_t;
 
 // What a call throws: "<family> <what>" ("io_error", "noent", ...), or "ok".
 std::string outcome(std::function<void()> const& call) {
@@ -203,8 +188,7 @@ TEST(FileHelpers, PipeWithoutReaderRaisesNoSignal) {
     scene_t s;
     std::string const fifo = s / "fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    pid_t const pid = fork();
-    if (pid == 0) {
+    test_support::expect_child_ok([&] {
         std::thread reader([&] {  // takes one byte, then leaves
             int const fd = open(fifo.c_str(), O_RDONLY | O_CLOEXEC);
             char c;
@@ -217,47 +201,29 @@ TEST(FileHelpers, PipeWithoutReaderRaisesNoSignal) {
         pthread_sigmask(SIG_SETMASK, nullptr, &mask);
         sigpending(&pending);
         bool const clean = !sigismember(&mask, SIGPIPE) && !sigismember(&pending, SIGPIPE);
-        _exit(got == "io_error short data has been written into file \"" + fifo + "\"" && clean ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        return got == "io_error short data has been written into file \"" + fifo + "\"" && clean ? 0 : 1;
+    });
 }
 
-// A full disk and a read-only one, on a private 64 KiB tmpfs (run again in
-// a child with a mount namespace of its own).
+// A full disk and a read-only one, on a private 64 KiB tmpfs.
 TEST(FileHelpers, FullAndReadOnlyFileSystem) {
-    if (!getenv("FILESTR_TEST_CHILD")) {
-        if (geteuid() != 0) GTEST_SKIP() << "needs root to mount a private tmpfs";
-        pid_t const pid = fork();
-        if (pid == 0) {
-            setenv("FILESTR_TEST_CHILD", "1", 1);
-            execl("/proc/self/exe", "filestr_test", "--gtest_filter=FileHelpers.FullAndReadOnlyFileSystem",
-                  static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        int status = 0;
-        ASSERT_EQ(waitpid(pid, &status, 0), pid);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-        return;
-    }
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to mount a private tmpfs";
+    if (!test_support::in_child()) return;
     scene_t s;
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", s.dir.c_str(), "tmpfs", 0, "size=64k") != 0)
-        GTEST_SKIP() << "cannot mount a private tmpfs: " << std::strerror(errno);
+    if (!test_support::private_mounts(s.path.c_str())) GTEST_SKIP() << "cannot mount a private tmpfs: " << std::strerror(errno);
     std::string const big = s / "big", small = s / "small", q = "\"";
     EXPECT_EQ(outcome([&] { lstr2file(big, std::string(100 << 10, 'b'), 0); }),
               "io_error short data has been written into file " + q + big + q);
     EXPECT_EQ(outcome([&] { lstr2file(small, "s", 0); }),
               "io_error unable to write into file " + q + small + q + " because of " + err(ENOSPC));
-    ASSERT_EQ(mount(nullptr, s.dir.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    ASSERT_EQ(mount(nullptr, s.path.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
     EXPECT_EQ(outcome([&] { lstr2file(big, "b", 0); }),
               "io_error unable to open file " + q + big + q + " because of " + err(EROFS));
     EXPECT_EQ(outcome([&] { lstr2file(s / "x/y/f", "f", kern::file::create_path); }),
               "io_error unable to open file " + q + s / "x/y/f" + q + " because of unable to create directory <" +
                   s / "x" + "> because of " + err(EROFS));
     EXPECT_EQ(slurp(big).size(), 64u << 10);  // what fitted stays
-    umount(s.dir.c_str());
+    umount(s.path.c_str());
 }
 
 // Every helper, succeeding and failing, 10,000 times: no descriptor is left behind.
@@ -276,7 +242,7 @@ TEST(FileHelpers, NoDescriptorGrowth) {
         lstr2file(f, "0123456789", i % 2 ? kern::file::append | kern::file::sync * (i % 1000 == 1) : 0);
         outcome([&] { lstr2file(gone, "x", 0); });
         lstr2file(sub, "x", kern::file::create_path);
-        outcome([&] { lstr2file(s.dir, "x", kern::file::append); });
+        outcome([&] { lstr2file(s.path, "x", kern::file::append); });
         out.clear();
         read_entire_file(out, f.c_str());
         outcome([&] { read_entire_file(out, gone.c_str()); });

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,32 +13,17 @@
 
 #include <gtest/gtest.h>
 
+#include "test-support.h"
+
 namespace {
 
-// Runs this test again in a child with a mount namespace of its own.
-bool in_child(char const* test) {
-    if (getenv("FS_STAT_TEST_CHILD")) return true;
-    pid_t const pid = fork();
-    if (pid == 0) {
-        setenv("FS_STAT_TEST_CHILD", "1", 1);
-        std::string const filter = std::string("--gtest_filter=") + test;
-        execl("/proc/self/exe", "fs-stat_test", filter.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    int status = 0;
-    EXPECT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    return false;
-}
-
-bool private_mounts() {
-    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-}
+using test_support::in_child;
+using test_support::private_mounts;
 
 TEST(FsStat, SpaceNodesAndFileSize) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to mount a private tmpfs";
-    if (!in_child("FsStat.SpaceNodesAndFileSize")) return;
-    if (!private_mounts() || mount("tmpfs", "/mnt", "tmpfs", 0, "size=64k,nr_inodes=16") != 0)
+    if (!in_child()) return;
+    if (!private_mounts("/mnt", "size=64k,nr_inodes=16"))
         GTEST_SKIP() << "cannot mount a private tmpfs: " << std::strerror(errno);
     q_uint64_t avail = 0, nodes = 0, again = 0;
     ASSERT_TRUE(kern_n::fs_stat("/mnt", &avail, &nodes));
@@ -66,9 +50,9 @@ TEST(FsStat, SpaceNodesAndFileSize) {
 // In a root of its own: the variables first, then the fixed list, directories only.
 TEST(FsStat, TempDirOrder) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root for a root of its own";
-    if (!in_child("FsStat.TempDirOrder")) return;
+    if (!in_child()) return;
     // /proc stays reachable: the sanitizers read it at exit.
-    if (!private_mounts() || mount("tmpfs", "/mnt", "tmpfs", 0, "size=64k") != 0 || mkdir("/mnt/proc", 0755) != 0 ||
+    if (!private_mounts("/mnt") || mkdir("/mnt/proc", 0755) != 0 ||
         mount("/proc", "/mnt/proc", nullptr, MS_BIND | MS_REC, nullptr) != 0 || chroot("/mnt") != 0 || chdir("/") != 0)
         GTEST_SKIP() << "cannot make a private root: " << std::strerror(errno);
     struct { char const* temp; char const* tmp; char const* make; char const* want; } const steps[] = {

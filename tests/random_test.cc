@@ -2,9 +2,7 @@
 #include "random.h"
 
 #include <fcntl.h>
-#include <sys/mount.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "syncers.h"
+#include "test-support.h"
 
 namespace {
 
@@ -74,29 +73,6 @@ std::vector<ub4> draw_block(random_t& r) {
     return v;
 }
 
-// Runs one test of this program again in a child with the variables set;
-// true in that child. With mounts, the child gets a mount namespace of its own.
-bool in_child(char const* test, std::vector<char const*> env = {}) {
-    if (getenv("RANDOM_TEST_CHILD")) return true;
-    pid_t const pid = fork();
-    if (pid == 0) {
-        setenv("RANDOM_TEST_CHILD", "1", 1);
-        for (char const* e : env) putenv(const_cast<char*>(e));
-        std::string const filter = std::string("--gtest_filter=") + test;
-        execl("/proc/self/exe", "random_test", filter.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    int status = 0;
-    EXPECT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    return false;
-}
-
-bool private_mount(char const* over) {
-    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("tmpfs", over, "tmpfs", 0, "size=64k") == 0;
-}
-
 TEST(Isaac, WholeBlocksMatchTheReference) {
     unsigned int zeros[256] = {}, mixed[256];
     for (unsigned i = 0; i < 256; ++i) mixed[i] = i * 0x9e3779b1u + 1;
@@ -148,8 +124,8 @@ TEST(Isaac, SharedGeneratorAndStatistics) {
 // Without /dev/urandom the seed comes from the C library's rand().
 TEST(Isaac, SeedsFromRandWithoutUrandom) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to hide /dev/urandom";
-    if (!in_child("Isaac.SeedsFromRandWithoutUrandom")) return;
-    if (!private_mount("/dev")) GTEST_SKIP() << "cannot mount a private /dev: " << std::strerror(errno);
+    if (!test_support::in_child()) return;
+    if (!test_support::private_mounts("/dev")) GTEST_SKIP() << "cannot mount a private /dev: " << std::strerror(errno);
     ref_isaac_t ref;
     srand(7);
     for (ub4& w : ref.randrsl) w = static_cast<ub4>(rand());
@@ -194,20 +170,15 @@ TEST(Uuid, KernelFileByDefaultLeavesNoDescriptor) {
     EXPECT_THAT(a, testing::MatchesRegex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[0-9a-f]{4}-[0-9a-f]{12}"));
     EXPECT_STRNE(a, b);
     // Each identifier and each seeding opens a file: none stays open.
-    auto const fds = [] {
-        int n = 0;
-        for (int fd = 0; fd < 1024; ++fd) n += fcntl(fd, F_GETFD) != -1;
-        return n;
-    };
-    int const before = fds();
+    int const before = test_support::open_fds();
     for (int i = 0; i < 10000; ++i) get_uuid(a), random_t();
-    EXPECT_EQ(fds(), before);
+    EXPECT_EQ(test_support::open_fds(), before);
 }
 
 // QVLSRV_INTERNAL_UUID, even empty: one thread's identifiers never go back in
 // time and advance the clock sequence one by one.
 TEST(Uuid, InternalGeneratorLayout) {
-    if (!in_child("Uuid.InternalGeneratorLayout", {"QVLSRV_INTERNAL_UUID="})) return;
+    if (!test_support::in_child({"QVLSRV_INTERNAL_UUID="})) return;
     EXPECT_TRUE(kern::uuid::use_internal_generator);
     char id[37];
     std::uint64_t const before = now_100ns();
@@ -228,9 +199,9 @@ TEST(Uuid, InternalGeneratorLayout) {
 // A short, then a missing kernel file: internal identifiers, the first ten failures logged.
 TEST(Uuid, UnreadableFileFallsBackAndLogsTenTimes) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to hide the kernel's file";
-    if (!in_child("Uuid.UnreadableFileFallsBackAndLogsTenTimes", {"QVLSRV_NO_LASTREPEAT=1"})) return;
+    if (!test_support::in_child({"QVLSRV_NO_LASTREPEAT=1"})) return;
     char const* const file = "/proc/sys/kernel/random/uuid";
-    if (!private_mount("/proc/sys/kernel/random")) GTEST_SKIP() << "cannot hide it: " << std::strerror(errno);
+    if (!test_support::private_mounts("/proc/sys/kernel/random")) GTEST_SKIP() << "cannot hide it: " << std::strerror(errno);
     int const fd = open(file, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
     ASSERT_EQ(write(fd, "0123456789abcdef\n", 17), 17);
     close(fd);

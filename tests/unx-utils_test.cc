@@ -22,6 +22,8 @@
 
 #include <gtest/gtest.h>
 
+#include "test-support.h"
+
 // The first look-up of the process, before any test: the cache starts at the all-ones id with an empty
 // name, which that id answers instead of its digits.
 static std::string const s_first_lookup = [] { std::string out = "x"; unx_get_username(~0u, out); return out; }();
@@ -70,9 +72,7 @@ std::string accounts_file(bool user, int version) {
 // In a private mount namespace with test files bound over /etc/passwd and /etc/group, for users, then
 // groups. Answers 0, 77 when the files could not be mounted, or 1 + the index of the first wrong step.
 int accounts_child() {
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", "/tmp", "tmpfs", 0, "size=16m") != 0)
-        return 77;
+    if (!test_support::private_mounts("/tmp", "size=16m")) return 77;
     char const* const real[] = {"/etc/group", "/etc/passwd"}, *const test[] = {"/tmp/group", "/tmp/passwd"};
     for (int user : {0, 1}) {
         std::ofstream(test[user]) << accounts_file(user, 1);
@@ -127,9 +127,9 @@ TEST(accounts, caches_and_buffer_growth_with_test_files) {
 // its own session, its working directory, then each descriptor's target ("-" when closed, "*" after it
 // when it is close-on-exec).
 TEST(daemonize, detaches_with_both_flags) {
-    char dir[] = "/tmp/daemonize_test.XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    std::string const file = std::string(dir) + "/std";
+    test_support::temp_dir_t const temp;
+    char const* const dir = temp.path.c_str();
+    std::string const file = temp / "std";
     struct { bool closed; int nochdir, noclose; char const* want; } const cases[] = {
         {false, 0, 0, "leader / /dev/null /dev/null /dev/null"},
         {false, 1, 0, "leader D /dev/null /dev/null /dev/null"},
@@ -177,8 +177,6 @@ TEST(daemonize, detaches_with_both_flags) {
 #endif
     }
     prctl(PR_SET_CHILD_SUBREAPER, 0);
-    unlink(file.c_str());
-    rmdir(dir);
 }
 
 // The host name is the kernel's; the processor count follows the affinity and QVLSRV_CPUs, read on each call.

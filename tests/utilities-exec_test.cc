@@ -25,6 +25,7 @@
 
 #include "loggers.h"
 #include "platform.h"
+#include "test-support.h"
 
 namespace {
 
@@ -45,24 +46,11 @@ int const s_lister = [] {
     _exit(0);
 }();
 
-struct temp_dir_t {
-    temp_dir_t() {
-        char name[] = "/tmp/exec_test.XXXXXX";
-        path = mkdtemp(name);
-    }
-    ~temp_dir_t() { (void)!std::system(("rm -rf '" + path + "'").c_str()); }
+// Executables by default.
+struct temp_dir_t : test_support::temp_dir_t {
     std::string file(std::string const& name, std::string const& text, mode_t mode = 0755) const {
-        std::string const p = path + "/" + name;
-        std::ofstream(p) << text;
-        chmod(p.c_str(), mode);
-        return p;
+        return test_support::temp_dir_t::file(name, text, mode);
     }
-    std::string read(std::string const& name) const {
-        std::string text;
-        std::getline(std::ifstream(path + "/" + name), text, '\0');
-        return text;
-    }
-    std::string path;
 };
 
 // Runs body in a forked child and answers its result, passed back through a file that the child opens
@@ -185,8 +173,7 @@ TEST(execute, close_all_paths_and_limits) {
     for (auto const& c : cases) {
         std::string const got = in_child([&]() -> std::string {
             int const top = raise_open_files_limit() - 1;
-            if (c.hide_proc && (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                                mount("none", "/proc", "tmpfs", 0, nullptr) != 0))
+            if (c.hide_proc && !test_support::private_mounts("/proc"))
                 return "skip";
             if (c.old_kernel) platform_linux_version_1 = 5, platform_linux_version_2 = 8;
             int p[2], s[2];
