@@ -58,6 +58,8 @@
 //    (both renewed after fork()), and per thread the zone offset and the
 //    date text (renewed when the second changes). A process made by a raw
 //    clone() without the fork handlers shows its parent's ids.
+//  - A descriptor logger's first message is always written, an empty one
+//    too: before it there is no last message that it could repeat.
 //  - After a reported write failure the descriptor logger retries from one
 //    byte further back on every failed write and gives up when it would step
 //    before the start of the text; it then answers 0.
@@ -312,6 +314,10 @@ private:
     // the last one (then out is left as it is and the repetition counted).
     void emit_line(std::string& out, char const* prefix, size_t plen, char const* message, size_t mlen);
     void write_repeat_summary_locked();
+
+    // Set by the first line: until then last_message_ holds no message, and
+    // an empty first one must not count as its repetition.
+    bool has_last_;
 };
 
 class QVL_API syslog_logger_impl_t : public if_logger_t {

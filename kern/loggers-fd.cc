@@ -35,7 +35,8 @@ fd_logger_impl_t::fd_logger_impl_t(int fd)
       failure_reported_(false),
       repeat_count_(1),
       repeat_busy_(false),
-      write_busy_(false) {
+      write_busy_(false),
+      has_last_(false) {
     level_filter_only_ = true;
 }
 
@@ -137,7 +138,7 @@ void fd_logger_impl_t::emit_line(std::string& out, char const* prefix, size_t pl
         return;
     }
     spin_locker_t hold(repeat_mutex_, repeat_busy_);
-    if (mlen == last_message_.size() && std::memcmp(message, last_message_.data(), mlen) == 0) {
+    if (has_last_ && mlen == last_message_.size() && std::memcmp(message, last_message_.data(), mlen) == 0) {
         // Only the text counts: the same text in another class repeats too.
         last_prefix_.assign(prefix, plen);
         ++repeat_count_;
@@ -151,6 +152,7 @@ void fd_logger_impl_t::emit_line(std::string& out, char const* prefix, size_t pl
     // leads to one stores its own prefix first: a line that starts a new
     // message need not store it.
     last_message_.assign(message, mlen);
+    has_last_ = true;
 }
 
 void fd_logger_impl_t::write_repeat_summary() {
