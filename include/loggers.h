@@ -47,7 +47,10 @@
 //    WARNING, NOTICE, INFO, TRACE, TRACE_1..TRACE_3, DEBUG, DEBUG_1..DEBUG_3;
 //    msgclass_t is a plain int so that any value (-1, 13) can be passed.
 //  - The handler operation is if_logger_error_t::notify.
-//  - init_logger with a null file name behaves as with "-".
+//  - init_logger with a null file name behaves as with "-". Given the extra
+//    logger that the old process logger already holds (a daemon setting up
+//    again on SIGHUP), it takes extra out of the old chain before
+//    destroying that, so the new chain keeps a live extra.
 //  - The banner of the four-argument init_logger names the product as
 //    QVLKERN_PRODUCT_NAME, its version as QVLKERN_VERSION_STRING and its
 //    build as QVLKERN_BUILD_NUMBER, all set when the library is compiled.

@@ -313,6 +313,20 @@ logger_init_t::~logger_init_t() {
 
 namespace {
 
+// Takes l out of every node of the chain old that holds it, so that
+// destroying old leaves l alive.
+void detach(if_logger_t* old, if_logger_t const* l) {
+    chain_logger_impl_t* const c = dynamic_cast<chain_logger_impl_t*>(old);
+    if (!c) return;
+    for (if_logger_t** member : {&c->first, &c->second}) {
+        if (*member == l) {
+            *member = nullptr;
+        } else {
+            detach(*member, l);
+        }
+    }
+}
+
 // A file logger on file that has opened its file, or null; one that did not
 // open is destroyed here.
 if_logger_t* open_file_logger(char const* file, char const* rotation, char const* banner) {
@@ -361,7 +375,11 @@ bool init_logger(char const* level, char const* file, char const* rotation, char
         }
     }
 
-    if (old && old != extra && old != if_logger_t::Log) delete old;
+    if (old && old != extra && old != if_logger_t::Log) {
+        // The new logger holds extra too (set up again with the same one).
+        if (extra) detach(old, extra);
+        delete old;
+    }
     return true;
 }
 

@@ -405,6 +405,13 @@ TEST(LoggerSetUp, InitLoggerSimpleLoggerAndLastWords) {
     c = dynamic_cast<chain_logger_impl_t*>(if_logger_t::Log);
     ASSERT_TRUE(c && c != before && c->second == extra);
     EXPECT_EQ(c->first->get_level(), 5);
+    // Set up again with the same extra, as a daemon does on SIGHUP: it stays.
+    for (char const* level : {"INFO", "NOTICE"}) EXPECT_TRUE(init_logger(level, "-", "", extra));
+    c = dynamic_cast<chain_logger_impl_t*>(if_logger_t::Log);
+    ASSERT_FALSE(gone);
+    ASSERT_TRUE(c && c->second == extra);
+    c->log_NOTICE("kept");
+    EXPECT_EQ(body(extra->lines.at(0)), "kept");
     delete c;
     EXPECT_TRUE(gone);
 
