@@ -63,6 +63,14 @@
 //    clone() without the fork handlers shows its parent's ids.
 //  - A descriptor logger's first message is always written, an empty one
 //    too: before it there is no last message that it could repeat.
+//  - No write of a logger raises SIGPIPE. A descriptor that is a pipe or a
+//    socket when the logger gets it (standard error at start-up for the
+//    bootstrap logger) is written with SIGPIPE blocked for the writing
+//    thread, and the signal that a write failing with EPIPE raised is taken
+//    off again, so the failure reaches the handlers as any other; a SIGPIPE
+//    pending from elsewhere stays. Writes to regular files pay nothing. A
+//    file logger opens its file for reading too, so that even a FIFO there
+//    never lacks a reader.
 //  - After a reported write failure the descriptor logger retries from one
 //    byte further back on every failed write and gives up when it would step
 //    before the start of the text; it then answers 0.
@@ -321,6 +329,9 @@ private:
     // Set by the first line: until then last_message_ holds no message, and
     // an empty first one must not count as its repetition.
     bool has_last_;
+    // The descriptor given at construction is a pipe or a socket: writes
+    // keep SIGPIPE off the process.
+    bool const raises_sigpipe_;
 };
 
 class QVL_API syslog_logger_impl_t : public if_logger_t {
@@ -522,6 +533,10 @@ public:
         simple();
         bool is_stderr() const override;
         size_t write(char const* text) override;
+
+    private:
+        // Standard error was a pipe or a socket at start-up.
+        bool const raises_sigpipe_;
     };
 
     // The one bootstrap logger; made on first use and never destroyed.

@@ -36,7 +36,8 @@ fd_logger_impl_t::fd_logger_impl_t(int fd)
       repeat_count_(1),
       repeat_busy_(false),
       write_busy_(false),
-      has_last_(false) {
+      has_last_(false),
+      raises_sigpipe_(may_raise_sigpipe(fd)) {
     level_filter_only_ = true;
 }
 
@@ -62,6 +63,7 @@ size_t fd_logger_impl_t::write_fd(char const* text, size_t len) {
     // compression thread may be writing a message.
     int const fd = fd_;
     if (fd == -1) return 0;
+    sigpipe_guard_t pipe_guard(raises_sigpipe_);
     // pos is both the position in text and the count of bytes written.
     std::ptrdiff_t pos = 0;
     size_t left = len;
@@ -74,6 +76,7 @@ size_t fd_logger_impl_t::write_fd(char const* text, size_t len) {
             continue;
         }
         if (errno == EINTR) continue;
+        pipe_guard.failed(errno);
         if (!failure_reported_) {
             error_saver_t const saved;
             std::string const error = get_last_error(saved);

@@ -281,17 +281,24 @@ void if_logger_t::log_abort(lstr_t const& text) {
     if (!l) return;
     int const n = static_cast<int>(text.length());
     if (l->is_logged(CRIT)) l->log_CRIT("%.*s\n", n, text.ptr());
-    if (!l->is_stderr()) std::fprintf(stderr, "%.*s\n", n, text.ptr());
+    if (l->is_stderr()) return;
+    sigpipe_guard_t pipe_guard(may_raise_sigpipe(2));
+    if (std::fprintf(stderr, "%.*s\n", n, text.ptr()) < 0) pipe_guard.failed(errno);
 }
 
 // --- bootstrap logger -------------------------------------------------------------------
 
-logger_init_t::simple::simple() : if_logger_t(INFO) { level_filter_only_ = true; }
+logger_init_t::simple::simple() : if_logger_t(INFO), raises_sigpipe_(may_raise_sigpipe(2)) {
+    level_filter_only_ = true;
+}
 
 bool logger_init_t::simple::is_stderr() const { return true; }
 
 size_t logger_init_t::simple::write(char const* text) {
-    return static_cast<size_t>(std::fprintf(stderr, "%s\n", text));
+    sigpipe_guard_t pipe_guard(raises_sigpipe_);
+    int const n = std::fprintf(stderr, "%s\n", text);
+    if (n < 0) pipe_guard.failed(errno);
+    return static_cast<size_t>(n);
 }
 
 logger_init_t::simple& logger_init_t::instance() {

@@ -28,6 +28,7 @@
 #include <gtest/gtest.h>
 
 #include "exceptions.h"
+#include "lwp.h"
 #include "runnable.h"
 #include "utilities.h"
 
@@ -306,6 +307,51 @@ TEST(FdLogger, WriteFailureReportedOnce) {
     EXPECT_EQ(h.calls.size(), 2u);
     delete l;
     close(p[0]), close(p[1]);
+}
+
+// Status of a forked child running f, which answers its exit status.
+int in_child(std::function<int()> const& f) {
+    pid_t const pid = fork();
+    if (pid == 0) _exit(f());
+    int status = 0;
+    while (waitpid(pid, &status, 0) == -1 && errno == EINTR) continue;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+bool sigpipe_pending() {
+    sigset_t s;
+    return sigpending(&s) == 0 && sigismember(&s, SIGPIPE) == 1;
+}
+
+// A pipe or socket whose reader has gone: the failure reaches the handler,
+// from the main thread and from a light-weight process, and no SIGPIPE is
+// left to the process; one already pending from elsewhere stays.
+TEST(FdLogger, DeadReaderRaisesNoSigpipe) {
+    int const status = in_child([] {
+        int p[2], s[2];
+        if (pipe2(p, O_CLOEXEC) != 0 || socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, s) != 0) return 1;
+        close(p[0]), close(s[1]);
+        counting_handler_t h;
+        sigset_t pipe_only;
+        sigemptyset(&pipe_only), sigaddset(&pipe_only, SIGPIPE);
+        for (int fd : {p[1], s[0]}) {
+            if_logger_t* l = fd_logger_t::create(fd);
+            l->insert_handler(&h);
+            lwp_t::start("writer", [l] { l->log_INFO("lwp"); }, false)->join(timegap_t::infinite());
+            l->log_INFO("main");
+            pthread_sigmask(SIG_BLOCK, &pipe_only, nullptr);
+            l->log_INFO("blocked");
+            if (sigpipe_pending()) return 2;
+            raise(SIGPIPE);
+            l->log_INFO("pending");
+            if (!sigpipe_pending() || sigwaitinfo(&pipe_only, nullptr) != SIGPIPE) return 3;
+            pthread_sigmask(SIG_UNBLOCK, &pipe_only, nullptr);
+            delete l;
+        }
+        std::string const epipe = "0: " + std::string(strerror(EPIPE)) + " (errno=32) @-1";
+        return h.calls == strings{epipe, epipe} ? 0 : 4;
+    });
+    EXPECT_EQ(status, 0);  // 141: killed by SIGPIPE
 }
 
 TEST(ChainLogger, MembersHandlersAndShape) {
