@@ -27,6 +27,15 @@
 //    other sources.
 //  - The banner is written into static storage that is never torn down, so
 //    the pointer stays readable during the whole teardown too.
+//  - Detached threads may still run while main returns or exit() tears the
+//    library down. What they may touch is built at its place in the order
+//    but never destroyed: the thread registry's guard and the name of
+//    unknown threads, the module cache's guards, name locks and storage
+//    pointer (the storage itself is released at exit under its guard), and
+//    the sleep event (destroying it would wait for ever for a sleeper). The
+//    process logger is retired rather than deleted while other threads
+//    remain (loggers.h). None of this is allocated, so unloading the
+//    library leaves nothing behind.
 #ifndef QVLKERN__KERN_H
 #define QVLKERN__KERN_H
 

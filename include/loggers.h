@@ -56,7 +56,11 @@
 //    build as QVLKERN_BUILD_NUMBER, all set when the library is compiled.
 //  - The bootstrap logger logger_init_t::s_simple_ is never destroyed: the
 //    process logger falls back to it at exit and later teardown may still
-//    log through it.
+//    log through it. The logger it replaces there is deleted only when no
+//    other thread remains (the library being unloaded, or a process ending
+//    alone); otherwise threads that took it before may still be writing
+//    through it, so it is retired: its pending repeat summary is written,
+//    its compression awaited, and it stays alive until the process ends.
 //  - The line prefix caches the process id and each thread's kernel id
 //    (both renewed after fork()), and per thread the zone offset and the
 //    date text (renewed when the second changes). A process made by a raw
@@ -287,6 +291,8 @@ public:
 // inspection.
 
 class QVL_API fd_logger_impl_t : public if_logger_t {
+    friend class logger_init_t;  // retiring the process logger at exit
+
 public:
     explicit fd_logger_impl_t(int fd);
     // Writes the pending repeat summary first.
@@ -520,8 +526,11 @@ private:
 class QVL_API logger_init_t {
 public:
     logger_init_t() = default;
-    // Deletes the process logger unless it is null or the simple logger, then
-    // points it at the simple logger.
+    // Points the process logger at the simple logger, and deletes the one it
+    // replaces (unless null or the simple logger). While other threads
+    // remain, which may still log through it, that logger is retired
+    // instead: it writes its pending repeat summary and waits for its
+    // compression, and lives on until the process ends.
     ~logger_init_t();
     logger_init_t(logger_init_t const&) = delete;
     logger_init_t& operator=(logger_init_t const&) = delete;
@@ -542,6 +551,11 @@ public:
     // The one bootstrap logger; made on first use and never destroyed.
     static simple& instance();
     static simple& s_simple_;
+
+private:
+    // What destroying l would write or wait for (a pending repeat summary, a
+    // running compression), with l left alive.
+    static void settle(if_logger_t* l);
 };
 
 // Builds the process logger: a file logger on file (rotation and banner for

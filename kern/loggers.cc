@@ -309,11 +309,60 @@ logger_init_t::simple& logger_init_t::instance() {
     return *s;
 }
 
+namespace {
+
+// True when the calling thread is the process's only one (the process's
+// thread count, field 20 of /proc/self/stat, is 1); false when that cannot
+// be told.
+bool only_thread() {
+    int const fd = open_retry("/proc/self/stat", O_RDONLY, 0);
+    if (fd == -1) return false;
+    char buf[1024];
+    ssize_t n;
+    do {
+        n = ::read(fd, buf, sizeof buf - 1);
+    } while (n == -1 && errno == EINTR);
+    close_once(fd);
+    if (n <= 0) return false;
+    buf[n] = '\0';
+    // The command name in parentheses may hold blanks: count from its end.
+    char const* p = std::strrchr(buf, ')');
+    for (int field = 2; p && field < 20; ++field) p = std::strchr(p + 1, ' ');
+    return p && std::strncmp(p, " 1 ", 3) == 0;
+}
+
+// The process logger retired at exit: kept reachable (volatile, so that the
+// store is not left out) until the process ends.
+if_logger_t* volatile s_retired = nullptr;
+
+}  // namespace
+
+void logger_init_t::settle(if_logger_t* l) {
+    if (chain_logger_impl_t* const c = dynamic_cast<chain_logger_impl_t*>(l)) {
+        settle(c->first);
+        settle(c->second);
+        return;
+    }
+    if (file_logger_impl_t* const f = dynamic_cast<file_logger_impl_t*>(l)) f->wait_compression();
+    if (fd_logger_impl_t* const d = dynamic_cast<fd_logger_impl_t*>(l)) d->write_repeat_summary();
+}
+
 logger_init_t::~logger_init_t() {
     if_logger_t* const l = if_logger_t::Log;
     simple& s = instance();
     if_logger_t::Log = &s;
-    if (l && l != &s) delete l;
+    if (!l || l == &s) return;
+    if (only_thread()) {
+        delete l;
+        return;
+    }
+    // Another thread may still log through it (it took the pointer before).
+    try {
+        settle(l);
+    } catch (...) {
+        // A lock or handler failure has nowhere to go from here.
+    }
+    s_retired = l;
 }
 
 // --- set-up -------------------------------------------------------------------------------
