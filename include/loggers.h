@@ -65,6 +65,12 @@
 //    (both renewed after fork()), and per thread the zone offset and the
 //    date text (renewed when the second changes). A process made by a raw
 //    clone() without the fork handlers shows its parent's ids.
+//  - A child of fork() logs as its parent did, whatever the parent's other
+//    threads were doing: the fork waits until no other thread is inside a
+//    logger's lock (each logger's mutexes are registered with the library's
+//    fork handlers), and the child gets those locks free. A fork made while
+//    a logger's lock is held by the forking thread itself (from a failure
+//    handler, say) leaves that lock held by it in the child too.
 //  - A descriptor logger's first message is always written, an empty one
 //    too: before it there is no last message that it could repeat.
 //  - No write of a logger raises SIGPIPE. A descriptor that is a pipe or a

@@ -21,7 +21,9 @@
 // registry's guard and the name of unknown threads, the module cache's
 // locks and storage, the sleep event) is built at its place in this order
 // but never destroyed (immortal-int.h); the process logger is retired
-// rather than deleted when other threads remain (see logger_init_t).
+// rather than deleted when other threads remain (see logger_init_t). The
+// locks among them are registered for fork() (syncers-int.h), so that a
+// child finds them free whatever the parent's other threads were doing.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -35,12 +37,14 @@
 #include "loggers.h"
 #include "numstrings.h"
 #include "runnable.h"
+#include "syncers-int.h"
 #include "syncers.h"
 #include "unicode.h"
 #include "unx-utils.h"
 
 namespace {
 
+using kern::syncers::detail::fork_safe;
 using kern_n::detail::immortal_t;
 
 // Unicode services, in the locale the process's environment names.
@@ -106,7 +110,7 @@ pthread_key_t kern_n::runnable_t::tls_key = kern_n::runnable_t::make_thread_key(
 std::atomic<q_uint32_t> kern_n::runnable_t::SeqIdCnt(0);
 kern_n::runnable_list_t kern_n::runnable_t::runnables;
 static immortal_t<mutex_t> s_runnables_guard;
-mutex_t& kern_n::runnable_t::runnables_guard = s_runnables_guard.make();
+mutex_t& kern_n::runnable_t::runnables_guard = fork_safe(s_runnables_guard.make());
 
 // (the signal-child flag goes here)
 
@@ -123,7 +127,7 @@ logger_init_t::simple& logger_init_t::s_simple_ = logger_init_t::instance();
 // filled on first use and released one by one at exit. The guard and the
 // mutexes that the slots hand out are never destroyed (dynamic_library.cc).
 static immortal_t<mutex_t> s_dso_giant_lock;
-mutex_t& kern::dynalib::s_dso_giant_lock = ::s_dso_giant_lock.make();
+mutex_t& kern::dynalib::s_dso_giant_lock = fork_safe(::s_dso_giant_lock.make());
 kern::dynalib::sh_fast_mutex_t kern::dynalib::s_dso_locks[kern::dynalib::dso_lock_count];
 
 // Module cache: "[DynaLib]" messages when QVLSRV_DEBUG_DYNALIB is present;
@@ -134,7 +138,7 @@ kern::dynalib::sh_fast_mutex_t kern::dynalib::s_dso_locks[kern::dynalib::dso_loc
 // pointer stay for threads that still open or release modules.
 bool kern::dynalib::DEBUG = getenv("QVLSRV_DEBUG_DYNALIB") != nullptr;
 static immortal_t<mutex_t> s_storage_guard;
-mutex_t& kern::dynalib::cache::s_storage_guard = ::s_storage_guard.make();
+mutex_t& kern::dynalib::cache::s_storage_guard = fork_safe(::s_storage_guard.make());
 static immortal_t<kern::dynalib::cache::sh_storage_t> s_storage;
 kern::dynalib::cache::sh_storage_t& kern::dynalib::cache::s_storage = ::s_storage.make();
 static struct storage_teardown_t {
@@ -151,9 +155,12 @@ std::string kern::dynalib::cache::s_libdir;
 
 // Account caches: the guard of the id-to-user-name cache, its name, then the
 // same for groups. The cached ids are constants of unx-utils.cc, set at load.
-mutex_t unxs_n::unx_sec_user_guard;
+// The guards are never destroyed, like the other locks registered for fork().
+static immortal_t<mutex_t> s_user_guard;
+mutex_t& unxs_n::unx_sec_user_guard = fork_safe(s_user_guard.make());
 std::string unxs_n::unx_sec_user;
-mutex_t unxs_n::unx_sec_group_guard;
+static immortal_t<mutex_t> s_group_guard;
+mutex_t& unxs_n::unx_sec_group_guard = fork_safe(s_group_guard.make());
 std::string unxs_n::unx_sec_group;
 
 // (random seed guard, platform description, random counters, system
@@ -167,6 +174,7 @@ std::string unxs_n::unx_sec_group;
 // thread may sleep on it while the process ends.
 static immortal_t<event_t> s_sleep_event;
 event_t& kern_runnable_sleep_event = s_sleep_event.make(false, false);
+static mutex_t const& s_sleep_event_lock = fork_safe(kern_runnable_sleep_event.lock);
 
 // The library banner, last. A constant in the library's image: it needs no
 // teardown and reads the same before start-up and after it.

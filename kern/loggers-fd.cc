@@ -8,9 +8,12 @@
 
 #include "loggers-int.h"
 #include "numeric-triades.h"
+#include "syncers-int.h"
 #include "utilities.h"
 
 using namespace kern_n::detail;
+using kern::syncers::detail::fork_forget;
+using kern::syncers::detail::fork_safe;
 
 namespace {
 
@@ -39,6 +42,8 @@ fd_logger_impl_t::fd_logger_impl_t(int fd)
       has_last_(false),
       raises_sigpipe_(may_raise_sigpipe(fd)) {
     level_filter_only_ = true;
+    fork_safe(repeat_mutex_);
+    fork_safe(write_mutex_);
 }
 
 fd_logger_impl_t::~fd_logger_impl_t() {
@@ -47,6 +52,8 @@ fd_logger_impl_t::~fd_logger_impl_t() {
     } catch (...) {
         // A handler's exception has nowhere to go from here.
     }
+    fork_forget(repeat_mutex_);
+    fork_forget(write_mutex_);
 }
 
 bool fd_logger_impl_t::is_stderr() const { return fd_ == 2; }

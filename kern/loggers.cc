@@ -17,6 +17,7 @@
 
 #include "exceptions.h"
 #include "loggers-int.h"
+#include "syncers-int.h"
 #include "utilities.h"
 
 #ifndef QVLKERN_PRODUCT_NAME
@@ -83,6 +84,8 @@ bool build_scratch(thread_state_t& s) {
 }  // namespace kern_n
 
 using namespace kern_n::detail;
+using kern::syncers::detail::fork_forget;
+using kern::syncers::detail::fork_safe;
 
 namespace {
 
@@ -120,9 +123,14 @@ struct if_logger_t::impl_t {
     boost::unordered_set<if_logger_error_t*> handlers;
 };
 
-if_logger_t::if_logger_t(msgclass_t level) : impl_(new impl_t), level_(level) {}
+// Every mutex of a logger is registered for fork(): a child can log even
+// when another thread of its parent held one at the fork.
+if_logger_t::if_logger_t(msgclass_t level) : impl_(new impl_t), level_(level) { fork_safe(impl_->mutex); }
 
-if_logger_t::~if_logger_t() { delete impl_; }
+if_logger_t::~if_logger_t() {
+    fork_forget(impl_->mutex);
+    delete impl_;
+}
 
 // Reached only by a call made while a logger is being built or destroyed.
 bool if_logger_t::is_stderr() const { QVL_THROW(BUG_exception, "pure virtual if_logger_t::is_stderr() called"); }
