@@ -70,7 +70,10 @@
 //    logger's lock (each logger's mutexes are registered with the library's
 //    fork handlers), and the child gets those locks free. A fork made while
 //    a logger's lock is held by the forking thread itself (from a failure
-//    handler, say) leaves that lock held by it in the child too.
+//    handler, say) leaves that lock held by it in the child too. A
+//    compression running at the fork goes on in the parent only: the
+//    child's file logger has none in flight, so its next rotation and its
+//    destruction do not wait for one.
 //  - A descriptor logger's first message is always written, an empty one
 //    too: before it there is no last message that it could repeat.
 //  - No write of a logger raises SIGPIPE. A descriptor that is a pipe or a

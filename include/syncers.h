@@ -178,6 +178,7 @@ public:
     bool const broadcast;
 
 private:
+    friend struct kern::syncers::detail::fork_access_t;
     pthread_cond_t c_;
 };
 

@@ -211,7 +211,7 @@ file_logger_impl_t::file_logger_impl_t(char const* name, char const* rotation, s
     init(name, rotation, std::move(banner));
     // Last: nothing after it may throw and leave the locks registered.
     ksd::fork_safe(file_mutex_);
-    ksd::fork_safe(rwlock_.guard);
+    ksd::fork_safe(rwlock_);
 }
 
 file_logger_impl_t::~file_logger_impl_t() {
@@ -223,7 +223,7 @@ file_logger_impl_t::~file_logger_impl_t() {
     }
     close();
     ksd::fork_forget(file_mutex_);
-    ksd::fork_forget(rwlock_.guard);
+    ksd::fork_forget(rwlock_);
 }
 
 void file_logger_impl_t::init(char const* name, char const* rotation, std::string banner) {

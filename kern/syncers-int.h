@@ -14,6 +14,8 @@
 //
 //   fork_safe(file_mutex_);     // in the constructor, after what can throw
 //   fork_forget(file_mutex_);   // in the destructor
+//
+// A read/write lock registered here is free in the child, whoever held it.
 #ifndef QVLKERN_SYNCERS_INT_H
 #define QVLKERN_SYNCERS_INT_H
 
@@ -31,6 +33,11 @@ namespace detail {
 mutex_t& fork_safe(mutex_t& m) noexcept;
 // Takes m out of the registry; call it before m is destroyed.
 void fork_forget(mutex_t& m) noexcept;
+// The same for a read/write lock, which the child gets free, with nobody
+// waiting: its holders and waiters were threads of the parent (the
+// compression of a rotated log holds one for as long as it runs).
+rwlock_t& fork_safe(rwlock_t& l) noexcept;
+void fork_forget(rwlock_t& l) noexcept;
 
 }  // namespace detail
 }  // namespace syncers

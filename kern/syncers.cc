@@ -504,6 +504,7 @@ namespace detail {
 
 struct fork_access_t {
     static pthread_mutex_t& of(mutex_t& m) noexcept { return m.m_; }
+    static pthread_cond_t& of(condvar_t& c) noexcept { return c.c_; }
 };
 
 }  // namespace detail
@@ -512,10 +513,12 @@ struct fork_access_t {
 
 namespace {
 
-// A registered lock, and what the prepare handler made of it.
+// A registered lock, and what the prepare handler made of it. For a
+// read/write lock, mutex is its guard.
 struct fork_lock_t {
     enum state_t { left, taken, own, skipped };
     mutex_t* mutex;
+    rwlock_t* rwlock;
     state_t state;
 };
 
@@ -600,6 +603,16 @@ void fork_parent() noexcept {
     pthread_mutex_unlock(&s_fork_guard);
 }
 
+// A read/write lock in a child: free, with nobody waiting. Its condition
+// variables are made anew, as they still count the parent's waiters.
+void reset_in_child(rwlock_t& l) noexcept {
+    pthread_cond_init(&sd::fork_access_t::of(l.readers), nullptr);
+    pthread_cond_init(&sd::fork_access_t::of(l.writers), nullptr);
+    l.readers_waiting = 0;
+    l.writers_waiting = 0;
+    l.state = 0;
+}
+
 // Every lock that the forking thread holds (it took them, or held them
 // already) now names the thread's new id as its owner: an error-checking or
 // recursive mutex refuses an unlock by any other id. The taken ones are
@@ -609,7 +622,10 @@ void fork_child() noexcept {
         pid_t const self = current_tid();
         for (fork_lock_t& l : *s_fork_locks) {
             if (l.state == fork_lock_t::taken || l.state == fork_lock_t::own) owner_of(posix(l)) = self;
-            if (l.state == fork_lock_t::taken) pthread_mutex_unlock(&posix(l));
+            if (l.state == fork_lock_t::taken) {
+                if (l.rwlock) reset_in_child(*l.rwlock);
+                pthread_mutex_unlock(&posix(l));
+            }
             l.state = fork_lock_t::left;
         }
     }
@@ -636,7 +652,9 @@ namespace kern {
 namespace syncers {
 namespace detail {
 
-mutex_t& fork_safe(mutex_t& m) noexcept {
+namespace {
+
+void add_fork_lock(mutex_t& m, rwlock_t* rw) noexcept {
     static pthread_once_t handlers = PTHREAD_ONCE_INIT;
     pthread_once(&handlers, &register_fork_handlers);
     pthread_mutex_lock(&s_fork_guard);
@@ -646,14 +664,27 @@ mutex_t& fork_safe(mutex_t& m) noexcept {
             std::vector<fork_lock_t>& locks = *s_fork_locks;
             // Registered twice, a lock would be waited for by its own taker.
             if (std::none_of(locks.begin(), locks.end(), [&m](fork_lock_t const& l) { return l.mutex == &m; }))
-                locks.push_back(fork_lock_t{&m, fork_lock_t::left});
+                locks.push_back(fork_lock_t{&m, rw, fork_lock_t::left});
         }
     } catch (std::exception const&) {
         // Left out: the lock works as before, only not across fork().
     }
     pthread_mutex_unlock(&s_fork_guard);
+}
+
+}  // namespace
+
+mutex_t& fork_safe(mutex_t& m) noexcept {
+    add_fork_lock(m, nullptr);
     return m;
 }
+
+rwlock_t& fork_safe(rwlock_t& l) noexcept {
+    add_fork_lock(l.guard, &l);
+    return l;
+}
+
+void fork_forget(rwlock_t& l) noexcept { fork_forget(l.guard); }
 
 void fork_forget(mutex_t& m) noexcept {
     pthread_mutex_lock(&s_fork_guard);

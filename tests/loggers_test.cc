@@ -20,6 +20,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <stdexcept>
@@ -316,9 +317,10 @@ TEST(FdLogger, WriteFailureReportedOnce) {
 // threads hold for lost: the leak checker asks this hook.
 bool g_forked = false;
 extern "C" int __lsan_is_turned_off() { return g_forked; }
-// Each of the hundred children that end would sleep a second at exit under
-// ThreadSanitizer.
-extern "C" char const* __tsan_default_options() { return "atexit_sleep_ms=0"; }
+// A child of a threaded parent starts threads (a compression), which
+// ThreadSanitizer allows only when told; and each of the hundred children
+// that end would sleep a second at exit.
+extern "C" char const* __tsan_default_options() { return "die_after_fork=0 atexit_sleep_ms=0"; }
 
 // Status of a forked child running f, which answers its exit status (given
 // to exit when ends, else to _exit); -1 when it is still running after a
@@ -406,6 +408,32 @@ TEST(LoggerFork, ChildrenOfALoggingProcess) {
     strings const lines = tails(f.lines(), true);
     EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](std::string const& s) { return s.rfind("child ", 0) == 0; }),
               child);
+}
+
+// A fork while a compression runs: the child has none in flight, so its
+// logger rotates, compresses and closes as if it had never started one.
+TEST(LoggerFork, WhileCompressing) {
+    char dir[] = "/tmp/loggers_test.XXXXXX";
+    ASSERT_TRUE(mkdtemp(dir));
+    if_logger_t* const l = file_logger_t::create((std::string(dir) + "/agent.log").c_str(), "3z,1k");
+    std::string const line(600, 'x');
+    int status;
+    {
+        // The compression thread lists itself first: it waits for this.
+        xlocker_t<mutex_t> hold(kern_n::runnable_t::runnables_guard);
+        for (int i = 0; i < 3; ++i) l->log_INFO("%d %s", i, line.c_str());  // the third rotates
+        status = in_child(
+            [&] {
+                kern_n::runnable_t::runnables_guard.unlock();  // held by this thread in the child too
+                for (int i = 3; i < 6; ++i) l->log_INFO("%d %s", i, line.c_str());
+                delete l;  // after its own compression
+                return std::filesystem::exists(std::string(dir) + "/agent.1.log.gz") ? 0 : 2;
+            },
+            true);
+    }
+    delete l;
+    std::filesystem::remove_all(dir);
+    EXPECT_EQ(status, 0);  // -1: still running after a minute
 }
 
 TEST(ChainLogger, MembersHandlersAndShape) {
