@@ -28,6 +28,24 @@
 //    other sources.
 //  - The banner is written into static storage that is never torn down, so
 //    the pointer stays readable during the whole teardown too.
+//  - Detached threads may still run while main returns or exit() tears the
+//    library down. What they may touch is built at its place in the order
+//    but never destroyed: the thread registry's guard and the name of
+//    unknown threads, the module cache's guards, name locks and storage
+//    pointer (the storage itself is released at exit under its guard), and
+//    the sleep event (destroying it would wait for ever for a sleeper). The
+//    process logger is retired rather than deleted while other threads
+//    remain (loggers.h). None of this is allocated, so unloading the
+//    library leaves nothing behind.
+//  - fork() leaves every library lock that a child may need usable in the
+//    child: the loggers' locks, the thread registry's guard, the module
+//    cache's guards and name locks, the account caches' guards and the sleep
+//    event's lock. The fork's prepare handler takes them all (waiting for
+//    one at a time, holding none of the others meanwhile, so it never
+//    deadlocks with a thread that takes them in another order), and the
+//    parent and child handlers release them. In the child the locks are
+//    first handed to the forking thread's new id, which an error-checking
+//    mutex would otherwise refuse as not its owner.
 #ifndef QVLKERN__KERN_H
 #define QVLKERN__KERN_H
 

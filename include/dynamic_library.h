@@ -58,6 +58,11 @@
 //    into a negative time to live and drop every idle image at once. A
 //    threshold that would fall before year 1 is shown as "no time",
 //    00000000000000000.
+//  - s_storage_guard, s_dso_giant_lock, s_storage and the mutexes that the
+//    name lock slots hand out are never destroyed, so that threads still
+//    running while the process ends can open and release modules; at exit
+//    the storage is released under the guard and the slots' handles are
+//    released one by one, leaving their mutexes be.
 //  - A load nested in another on the same thread (a module's initialiser
 //    opening a module) takes no name lock: it runs under the outer load's
 //    lock and the loader's own, and waiting for a name lock there could
@@ -141,7 +146,7 @@ constexpr unsigned dso_lock_count = 5;
 // logged at DEBUG_3.
 extern QVL_API bool DEBUG;
 // Held only while a name lock's mutex is created.
-extern QVL_API mutex_t s_dso_giant_lock;
+extern QVL_API mutex_t& s_dso_giant_lock;
 // The name locks, made on first use.
 extern QVL_API sh_fast_mutex_t s_dso_locks[dso_lock_count];
 
@@ -176,9 +181,9 @@ public:
 typedef boost::shared_ptr<storage_t> sh_storage_t;
 
 // Empty while the cache is disabled.
-extern QVL_API sh_storage_t s_storage;
+extern QVL_API sh_storage_t& s_storage;
 // Protects s_storage, its contents and s_libdir.
-extern QVL_API mutex_t s_storage_guard;
+extern QVL_API mutex_t& s_storage_guard;
 // Idle time after which flush_if_need drops an unheld image.
 extern QVL_API timegap_t s_time_to_live;
 // Cut from the front of names in messages; ends with "/" when not empty.

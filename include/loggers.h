@@ -47,17 +47,43 @@
 //    WARNING, NOTICE, INFO, TRACE, TRACE_1..TRACE_3, DEBUG, DEBUG_1..DEBUG_3;
 //    msgclass_t is a plain int so that any value (-1, 13) can be passed.
 //  - The handler operation is if_logger_error_t::notify.
-//  - init_logger with a null file name behaves as with "-".
+//  - init_logger with a null file name behaves as with "-". Given the extra
+//    logger that the old process logger already holds (a daemon setting up
+//    again on SIGHUP), it takes extra out of the old chain before
+//    destroying that, so the new chain keeps a live extra.
 //  - The banner of the four-argument init_logger names the product as
 //    QVLKERN_PRODUCT_NAME, its version as QVLKERN_VERSION_STRING and its
 //    build as QVLKERN_BUILD_NUMBER, all set when the library is compiled.
 //  - The bootstrap logger logger_init_t::s_simple_ is never destroyed: the
 //    process logger falls back to it at exit and later teardown may still
-//    log through it.
+//    log through it. The logger it replaces there is deleted only when no
+//    other thread remains (the library being unloaded, or a process ending
+//    alone); otherwise threads that took it before may still be writing
+//    through it, so it is retired: its pending repeat summary is written,
+//    its compression awaited, and it stays alive until the process ends.
 //  - The line prefix caches the process id and each thread's kernel id
 //    (both renewed after fork()), and per thread the zone offset and the
 //    date text (renewed when the second changes). A process made by a raw
 //    clone() without the fork handlers shows its parent's ids.
+//  - A child of fork() logs as its parent did, whatever the parent's other
+//    threads were doing: the fork waits until no other thread is inside a
+//    logger's lock (each logger's mutexes are registered with the library's
+//    fork handlers), and the child gets those locks free. A fork made while
+//    a logger's lock is held by the forking thread itself (from a failure
+//    handler, say) leaves that lock held by it in the child too. A
+//    compression running at the fork goes on in the parent only: the
+//    child's file logger has none in flight, so its next rotation and its
+//    destruction do not wait for one.
+//  - A descriptor logger's first message is always written, an empty one
+//    too: before it there is no last message that it could repeat.
+//  - No write of a logger raises SIGPIPE. A descriptor that is a pipe or a
+//    socket when the logger gets it (standard error at start-up for the
+//    bootstrap logger) is written with SIGPIPE blocked for the writing
+//    thread, and the signal that a write failing with EPIPE raised is taken
+//    off again, so the failure reaches the handlers as any other; a SIGPIPE
+//    pending from elsewhere stays. Writes to regular files pay nothing. A
+//    file logger opens its file for reading too, so that even a FIFO there
+//    never lacks a reader.
 //  - After a reported write failure the descriptor logger retries from one
 //    byte further back on every failed write and gives up when it would step
 //    before the start of the text; it then answers 0.
@@ -311,6 +337,8 @@ public:
 // inspection.
 
 class QVL_API fd_logger_impl_t : public if_logger_t {
+    friend class logger_init_t;  // retiring the process logger at exit
+
 public:
     explicit fd_logger_impl_t(int fd);
     // Writes the pending repeat summary first.
@@ -349,6 +377,13 @@ private:
     // the last one (then out is left as it is and the repetition counted).
     void emit_line(std::string& out, char const* prefix, size_t plen, char const* message, size_t mlen);
     void write_repeat_summary_locked();
+
+    // Set by the first line: until then last_message_ holds no message, and
+    // an empty first one must not count as its repetition.
+    bool has_last_;
+    // The descriptor given at construction is a pipe or a socket: writes
+    // keep SIGPIPE off the process.
+    bool const raises_sigpipe_;
 };
 
 class QVL_API syslog_logger_impl_t : public if_logger_t {
@@ -550,8 +585,11 @@ private:
 class QVL_API logger_init_t {
 public:
     logger_init_t() = default;
-    // Deletes the process logger unless it is null or the simple logger, then
-    // points it at the simple logger.
+    // Points the process logger at the simple logger, and deletes the one it
+    // replaces (unless null or the simple logger). While other threads
+    // remain, which may still log through it, that logger is retired
+    // instead: it writes its pending repeat summary and waits for its
+    // compression, and lives on until the process ends.
     ~logger_init_t();
     logger_init_t(logger_init_t const&) = delete;
     logger_init_t& operator=(logger_init_t const&) = delete;
@@ -563,11 +601,20 @@ public:
         simple();
         bool is_stderr() const override;
         size_t write(char const* text) override;
+
+    private:
+        // Standard error was a pipe or a socket at start-up.
+        bool const raises_sigpipe_;
     };
 
     // The one bootstrap logger; made on first use and never destroyed.
     static simple& instance();
     static simple& s_simple_;
+
+private:
+    // What destroying l would write or wait for (a pending repeat summary, a
+    // running compression), with l left alive.
+    static void settle(if_logger_t* l);
 };
 
 // Builds the process logger: a file logger on file (rotation and banner for

@@ -56,6 +56,9 @@
 //    (pthread_sigmask on its own threads); the library only provides it.
 //  - get_key and set_key are static: they act on the calling thread's store,
 //    whichever entry they are called through.
+//  - runnables_guard, unknown_name and kern_runnable_sleep_event refer to
+//    objects that are never destroyed, so that threads still running while
+//    the process ends can list themselves, log and sleep (_kern.h).
 #ifndef QVLKERN_RUNNABLE_H
 #define QVLKERN_RUNNABLE_H
 
@@ -248,14 +251,14 @@ public:
     // SIGINT, SIGPIPE, SIGCHLD.
     static sigset_t blocked_signals;
     // "noname": the name shown for threads without an entry.
-    static std::string unknown_name;
+    static std::string& unknown_name;
     // Value: the calling thread's entry.
     static pthread_key_t self_key;
     // Value: the calling thread's store of named objects.
     static pthread_key_t tls_key;
     static std::atomic<q_uint32_t> SeqIdCnt;
     static runnable_list_t runnables;
-    static mutex_t runnables_guard;
+    static mutex_t& runnables_guard;
 
     // Start-up helpers: a thread-specific key without destructor (throws
     // q_exception_t "unable to initialize thread engine"), and the set of
@@ -284,6 +287,6 @@ inline runnable_list_t::const_iterator& runnable_list_t::const_iterator::operato
 }  // namespace kern_n
 
 // The event runnable_t::sleep waits on; never signalled.
-extern QVL_API event_t kern_runnable_sleep_event;
+extern QVL_API event_t& kern_runnable_sleep_event;
 
 #endif  // QVLKERN_RUNNABLE_H

@@ -94,6 +94,9 @@ inline void count(counter_id_t id) noexcept {
     }
 }
 
+// The fork handlers' access to the POSIX objects (syncers.cc).
+struct fork_access_t;
+
 }  // namespace detail
 }  // namespace syncers
 }  // namespace kern
@@ -149,6 +152,7 @@ public:
 
 private:
     friend class condvar_t;
+    friend struct kern::syncers::detail::fork_access_t;
     // The throwing ends of the inline operations; try_lock_failed answers
     // false for EBUSY.
     [[noreturn]] static void lock_failed(int rc);
@@ -174,6 +178,7 @@ public:
     bool const broadcast;
 
 private:
+    friend struct kern::syncers::detail::fork_access_t;
     pthread_cond_t c_;
 };
 

@@ -91,7 +91,7 @@
 
 // Guards the report-written state for programs that share it; the handler
 // itself never takes it (see the choices above). Built at start-up.
-extern QVL_API mutex_t post_morten_dump_flag_guard;
+extern QVL_API mutex_t& post_morten_dump_flag_guard;
 
 // Stores with_stack as the stack-trace flag and installs the report for
 // SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGSTKFLT, SIGXCPU,

@@ -75,9 +75,9 @@ extern QVL_API q_uint32_t unx_sec_gid;
 // The cached names, empty at start-up.
 extern QVL_API std::string unx_sec_user;
 extern QVL_API std::string unx_sec_group;
-// Each cache's mutex.
-extern QVL_API mutex_t unx_sec_user_guard;
-extern QVL_API mutex_t unx_sec_group_guard;
+// Each cache's mutex; never destroyed, and usable in a child of fork().
+extern QVL_API mutex_t& unx_sec_user_guard;
+extern QVL_API mutex_t& unx_sec_group_guard;
 }  // namespace unxs_n
 
 // The id of the named user (group): true and uid (gid) set when it is found;

@@ -16,6 +16,14 @@
 // allocation counters, sleep event, banner. A comment in parentheses keeps
 // the place of objects not written yet. No exported function may be called
 // before the last of them is built.
+//
+// What a thread that runs on while the process ends may touch (the thread
+// registry's guard and the name of unknown threads, the module cache's
+// locks and storage, the sleep event) is built at its place in this order
+// but never destroyed (immortal-int.h); the process logger is retired
+// rather than deleted when other threads remain (see logger_init_t). The
+// locks among them are registered for fork() (syncers-int.h), so that a
+// child finds them free whatever the parent's other threads were doing.
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -30,18 +38,23 @@
 #include "amtypes.h"
 #include "dynamic_library.h"
 #include "exceptions.h"
+#include "immortal-int.h"
 #include "loggers.h"
 #include "numstrings.h"
 #include "platform.h"
 #include "random-int.h"
 #include "random.h"
 #include "runnable.h"
+#include "syncers-int.h"
 #include "syncers.h"
 #include "unicode.h"
 #include "unx-utils-signal.h"
 #include "unx-utils.h"
 
 namespace {
+
+using kern::syncers::detail::fork_safe;
+using kern_n::detail::immortal_t;
 
 // Unicode services, in the locale the process's environment names.
 struct unicode_t {
@@ -94,40 +107,57 @@ bool fd_logger_t::last_repeated_avail = getenv("QVLSRV_NO_LASTREPEAT") == nullpt
 // Thread registry: the other subsystems' per-thread clean-up (empty), the
 // signals daemons keep off their workers, the name of unregistered threads,
 // the thread's entry and store keys (a failure makes loading fail), the
-// sequence counter, the list and its guard.
+// sequence counter, the list and its guard. The name and the guard are
+// never destroyed: every thread that logs reads the one, and every thread
+// that ends takes the other.
 boost::function<void()> kern_n::runnable_t::extra_thread_cleanup;
 sigset_t kern_n::runnable_t::blocked_signals = kern_n::runnable_t::make_blocked_signals();
-std::string kern_n::runnable_t::unknown_name("noname");
+static immortal_t<std::string> s_unknown_name;
+std::string& kern_n::runnable_t::unknown_name = s_unknown_name.make("noname");
 pthread_key_t kern_n::runnable_t::self_key = kern_n::runnable_t::make_thread_key();
 pthread_key_t kern_n::runnable_t::tls_key = kern_n::runnable_t::make_thread_key();
 std::atomic<q_uint32_t> kern_n::runnable_t::SeqIdCnt(0);
 kern_n::runnable_list_t kern_n::runnable_t::runnables;
-mutex_t kern_n::runnable_t::runnables_guard;
+static immortal_t<mutex_t> s_runnables_guard;
+mutex_t& kern_n::runnable_t::runnables_guard = fork_safe(s_runnables_guard.make());
 
 // How many do-not-wait-on-SIGCHLD switches are alive: none.
 std::atomic<q_uint32_t> kern::signal::ignore_sigchild(0);
 
 // The process logger: a descriptor logger on standard error until the
-// program calls init_logger. At exit it is deleted and the process logger
-// falls back to the simple logger, so the rest of the teardown can log.
+// program calls init_logger. At exit it is deleted (retired while other
+// threads remain) and the process logger falls back to the simple logger,
+// so the rest of the teardown can log.
 if_logger_t* if_logger_t::Log = fd_logger_t::create_();
 static logger_init_t const s_logger_teardown;
 // The bootstrap logger (never destroyed; see loggers.cc).
 logger_init_t::simple& logger_init_t::s_simple_ = logger_init_t::instance();
 
 // Module name locks: the guard of the table, then the five slots, each
-// filled on first use and released one by one at exit.
-mutex_t kern::dynalib::s_dso_giant_lock;
+// filled on first use and released one by one at exit. The guard and the
+// mutexes that the slots hand out are never destroyed (dynamic_library.cc).
+static immortal_t<mutex_t> s_dso_giant_lock;
+mutex_t& kern::dynalib::s_dso_giant_lock = fork_safe(::s_dso_giant_lock.make());
 kern::dynalib::sh_fast_mutex_t kern::dynalib::s_dso_locks[kern::dynalib::dso_lock_count];
 
 // Module cache: "[DynaLib]" messages when QVLSRV_DEBUG_DYNALIB is present;
 // disabled (no storage) until set_enabled; idle time to live from
 // QVLSRV_DYNALIB_TTL, in seconds, saturated at the most a time value holds
 // (a larger count would wrap below zero and drop every idle module at once).
-// At exit the storage goes before its guard.
+// At exit the storage is released under its guard; the guard and the empty
+// pointer stay for threads that still open or release modules.
 bool kern::dynalib::DEBUG = getenv("QVLSRV_DEBUG_DYNALIB") != nullptr;
-mutex_t kern::dynalib::cache::s_storage_guard;
-kern::dynalib::cache::sh_storage_t kern::dynalib::cache::s_storage;
+static immortal_t<mutex_t> s_storage_guard;
+mutex_t& kern::dynalib::cache::s_storage_guard = fork_safe(::s_storage_guard.make());
+static immortal_t<kern::dynalib::cache::sh_storage_t> s_storage;
+kern::dynalib::cache::sh_storage_t& kern::dynalib::cache::s_storage = ::s_storage.make();
+static struct storage_teardown_t {
+    ~storage_teardown_t() {
+        kern::dynalib::cache::sh_storage_t released;  // goes after the guard
+        xlocker_t<mutex_t> hold(kern::dynalib::cache::s_storage_guard);
+        released.swap(kern::dynalib::cache::s_storage);
+    }
+} const s_storage_teardown;
 timegap_t kern::dynalib::cache::s_time_to_live(
     static_cast<long>(std::min<unsigned long>(env_get_number("QVLSRV_DYNALIB_TTL", 60),
                                               INT64_MAX / kern::time::ticks_per_second)), 0);
@@ -135,15 +165,20 @@ std::string kern::dynalib::cache::s_libdir;
 
 // Account caches: the guard of the id-to-user-name cache, its name, then the
 // same for groups. The cached ids are constants of unx-utils.cc, set at load.
-mutex_t unxs_n::unx_sec_user_guard;
+// The guards are never destroyed, like the other locks registered for fork().
+static immortal_t<mutex_t> s_user_guard;
+mutex_t& unxs_n::unx_sec_user_guard = fork_safe(s_user_guard.make());
 std::string unxs_n::unx_sec_user;
-mutex_t unxs_n::unx_sec_group_guard;
+static immortal_t<mutex_t> s_group_guard;
+mutex_t& unxs_n::unx_sec_group_guard = fork_safe(s_group_guard.make());
 std::string unxs_n::unx_sec_group;
 
 namespace {
 
-// The guard of the system random source, built before the source itself.
-mutex_t s_sysrnd_guard;
+// The guard of the system random source, built before the source itself;
+// never destroyed and free in a child of fork(), like the other guards.
+immortal_t<mutex_t> s_sysrnd_guard_storage;
+mutex_t& s_sysrnd_guard = fork_safe(s_sysrnd_guard_storage.make());
 
 // Spreads the bits of a process or thread id over a 64-bit word.
 q_uint64_t seed_mix(q_uint64_t x) noexcept { return (x << 27) ^ (x << 21) ^ x ^ (x << 17) ^ (x << 7); }
@@ -183,6 +218,7 @@ random_t sysrnd(&s_sysrnd_guard);
 // The identifier generator's state, seeded from the environment and
 // sysrnd; then the process's time zone.
 kern::uuid::state_t kern::uuid::state;
+static mutex_t const& s_uuid_guard = fork_safe(kern::uuid::state.guard);
 static struct uuid_and_zone_t {
     uuid_and_zone_t() {
         init_int_uuid();
@@ -191,15 +227,19 @@ static struct uuid_and_zone_t {
 } const s_uuid_and_zone;
 
 // Guards the fatal-signal report's state for programs that share it.
-mutex_t post_morten_dump_flag_guard;
+static immortal_t<mutex_t> s_post_mortem_guard;
+mutex_t& post_morten_dump_flag_guard = fork_safe(s_post_mortem_guard.make());
 
 // (allocation counters go here. The run-time statistics mode and the
 // quotation counters are plain zero-initialised values defined beside their
 // code: they need no construction, so their place in the order is only
 // nominal.)
 
-// What runnable_t::sleep waits on; nothing signals it.
-event_t kern_runnable_sleep_event(false, false);
+// What runnable_t::sleep waits on; nothing signals it. Never destroyed: a
+// thread may sleep on it while the process ends.
+static immortal_t<event_t> s_sleep_event;
+event_t& kern_runnable_sleep_event = s_sleep_event.make(false, false);
+static mutex_t const& s_sleep_event_lock = fork_safe(kern_runnable_sleep_event.lock);
 
 // The library banner, last. A constant in the library's image: it needs no
 // teardown and reads the same before start-up and after it.

@@ -14,7 +14,9 @@
 #include <vector>
 
 #include "exceptions.h"
+#include "immortal-int.h"
 #include "loggers.h"
+#include "syncers-int.h"
 
 namespace kd = kern::dynalib;
 namespace kc = kern::dynalib::cache;
@@ -254,17 +256,35 @@ void dynamic_library_t::reset() {
 namespace kern {
 namespace dynalib {
 
+namespace {
+
+// The mutexes that the slots hand out. The slots' handles are released at
+// exit, but a thread may still be opening a module then: the mutexes
+// themselves are never destroyed, and a handle's release leaves its mutex be.
+// They are registered for fork(), as the guards are (_kern.cc).
+kern_n::detail::immortal_t<mutex_t> s_name_mutexes[dso_lock_count];
+
+void keep_name_mutex(mutex_t*) noexcept {}
+
+}  // namespace
+
 void dso_lock(char const* name, late_locker_t<mutex_t>& locker) {
     unsigned const index = static_cast<unsigned>(lstr_t(name).calc_hash64() % dso_lock_count);
     DYNALOG("[DynaLib] Locking DSO index=%u \"%s\"", index, drop_root(name ? name : "").c_str());
     mutex_t* m;
+    bool made = false;
     {
         xlocker_t<mutex_t> hold(s_dso_giant_lock);
         sh_fast_mutex_t& slot = s_dso_locks[index];
-        if (!slot) slot = boost::make_shared<mutex_t>();
+        if (!slot) {
+            slot = sh_fast_mutex_t(&s_name_mutexes[index].make(), &keep_name_mutex);
+            made = true;
+        }
         m = slot.get();
     }
-    // The slots live until teardown, so the bare pointer stays good.
+    // Registered without the giant lock, which a fork may be waiting for.
+    if (made) kern::syncers::detail::fork_safe(*m);
+    // The mutex is never destroyed, so the bare pointer stays good.
     locker.xlock(*m);
 }
 

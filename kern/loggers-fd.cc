@@ -8,9 +8,12 @@
 
 #include "loggers-int.h"
 #include "numeric-triades.h"
+#include "syncers-int.h"
 #include "utilities.h"
 
 using namespace kern_n::detail;
+using kern::syncers::detail::fork_forget;
+using kern::syncers::detail::fork_safe;
 
 namespace {
 
@@ -35,8 +38,12 @@ fd_logger_impl_t::fd_logger_impl_t(int fd)
       failure_reported_(false),
       repeat_count_(1),
       repeat_busy_(false),
-      write_busy_(false) {
+      write_busy_(false),
+      has_last_(false),
+      raises_sigpipe_(may_raise_sigpipe(fd)) {
     level_filter_only_ = true;
+    fork_safe(repeat_mutex_);
+    fork_safe(write_mutex_);
 }
 
 fd_logger_impl_t::~fd_logger_impl_t() {
@@ -45,6 +52,8 @@ fd_logger_impl_t::~fd_logger_impl_t() {
     } catch (...) {
         // A handler's exception has nowhere to go from here.
     }
+    fork_forget(repeat_mutex_);
+    fork_forget(write_mutex_);
 }
 
 bool fd_logger_impl_t::is_stderr() const { return fd_ == 2; }
@@ -61,6 +70,7 @@ size_t fd_logger_impl_t::write_fd(char const* text, size_t len) {
     // compression thread may be writing a message.
     int const fd = fd_;
     if (fd == -1) return 0;
+    sigpipe_guard_t pipe_guard(raises_sigpipe_);
     // pos is both the position in text and the count of bytes written.
     std::ptrdiff_t pos = 0;
     size_t left = len;
@@ -73,6 +83,7 @@ size_t fd_logger_impl_t::write_fd(char const* text, size_t len) {
             continue;
         }
         if (errno == EINTR) continue;
+        pipe_guard.failed(errno);
         if (!failure_reported_) {
             error_saver_t const saved;
             std::string const error = get_last_error(saved);
@@ -137,7 +148,7 @@ void fd_logger_impl_t::emit_line(std::string& out, char const* prefix, size_t pl
         return;
     }
     spin_locker_t hold(repeat_mutex_, repeat_busy_);
-    if (mlen == last_message_.size() && std::memcmp(message, last_message_.data(), mlen) == 0) {
+    if (has_last_ && mlen == last_message_.size() && std::memcmp(message, last_message_.data(), mlen) == 0) {
         // Only the text counts: the same text in another class repeats too.
         last_prefix_.assign(prefix, plen);
         ++repeat_count_;
@@ -151,6 +162,7 @@ void fd_logger_impl_t::emit_line(std::string& out, char const* prefix, size_t pl
     // leads to one stores its own prefix first: a line that starts a new
     // message need not store it.
     last_message_.assign(message, mlen);
+    has_last_ = true;
 }
 
 void fd_logger_impl_t::write_repeat_summary() {

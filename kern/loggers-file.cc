@@ -21,9 +21,11 @@
 #include "loggers-int.h"
 #include "numeric-triades.h"
 #include "numstrings.h"
+#include "syncers-int.h"
 #include "utilities.h"
 
 using namespace kern_n::detail;
+namespace ksd = kern::syncers::detail;
 
 // --- file logger -------------------------------------------------------------------------
 
@@ -267,6 +269,9 @@ file_logger_impl_t::file_logger_impl_t(char const* name, char const* rotation, s
       open_errno_(0),
       zone_ticks_(0) {
     init(name, rotation, std::move(banner));
+    // Last: nothing after it may throw and leave the locks registered.
+    ksd::fork_safe(file_mutex_);
+    ksd::fork_safe(rwlock_);
 }
 
 file_logger_impl_t::~file_logger_impl_t() {
@@ -277,6 +282,8 @@ file_logger_impl_t::~file_logger_impl_t() {
         // A lock or handler failure has nowhere to go from here.
     }
     close();
+    ksd::fork_forget(file_mutex_);
+    ksd::fork_forget(rwlock_);
 }
 
 void file_logger_impl_t::init(char const* name, char const* rotation, std::string banner) {

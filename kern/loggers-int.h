@@ -9,6 +9,9 @@
 #define QVLKERN_LOGGERS_INT_H
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -367,6 +370,69 @@ inline bool put_simple_format(char* buf, size_t cap, size_t& len, char const* fm
     if (len == 1024) buf[1023] = '\0';
     return true;
 }
+
+// --- writes that raise no SIGPIPE --------------------------------------------
+
+// True when a write to fd can raise SIGPIPE: a pipe or a socket, or a
+// descriptor that cannot be told (not open yet). Asked once, when a logger
+// gets its descriptor, so that writes to regular files pay nothing.
+inline bool may_raise_sigpipe(int fd) {
+    if (fd < 0) return false;
+    struct stat st;
+    if (::fstat(fd, &st) != 0) return true;
+    return S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode);
+}
+
+// Keeps the library's writes to a pipe or socket whose reader has gone from
+// ending the process: SIGPIPE is blocked for the calling thread while the
+// guard lives, and the one that a write failing with EPIPE raised (directed
+// at this thread) is taken off before the mask comes back. A SIGPIPE that
+// was pending for the thread before is left to the program: one can be
+// pending only where the thread blocked the signal already, as a pending
+// signal that is not blocked has been delivered. Two system calls a write.
+class sigpipe_guard_t {
+public:
+    explicit sigpipe_guard_t(bool active)
+        : active_(active), blocked_before_(false), pending_before_(false), raised_(false) {
+        if (!active_) return;
+        sigset_t pipe_only = only_sigpipe();
+        pthread_sigmask(SIG_BLOCK, &pipe_only, &saved_);
+        blocked_before_ = sigismember(&saved_, SIGPIPE) == 1;
+        if (!blocked_before_) return;
+        sigset_t pending;
+        pending_before_ = ::sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
+    }
+    ~sigpipe_guard_t() {
+        if (!active_) return;
+        int const saved_errno = errno;
+        if (raised_ && !pending_before_) {
+            sigset_t pipe_only = only_sigpipe();
+            struct timespec const none = {0, 0};
+            while (::sigtimedwait(&pipe_only, nullptr, &none) == -1 && errno == EINTR) continue;
+        }
+        if (!blocked_before_) pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
+        errno = saved_errno;
+    }
+    sigpipe_guard_t(sigpipe_guard_t const&) = delete;
+    sigpipe_guard_t& operator=(sigpipe_guard_t const&) = delete;
+
+    // Tells the error of a failed write: EPIPE came with a SIGPIPE.
+    void failed(int error) { raised_ = raised_ || error == EPIPE; }
+
+private:
+    static sigset_t only_sigpipe() {
+        sigset_t s;
+        sigemptyset(&s);
+        sigaddset(&s, SIGPIPE);
+        return s;
+    }
+
+    bool const active_;
+    bool blocked_before_;
+    bool pending_before_;
+    bool raised_;
+    sigset_t saved_;
+};
 
 // --- files of the file logger and its compression ---------------------------
 

@@ -17,6 +17,7 @@
 
 #include "exceptions.h"
 #include "loggers-int.h"
+#include "syncers-int.h"
 #include "utilities.h"
 
 #ifndef QVLKERN_PRODUCT_NAME
@@ -83,6 +84,8 @@ bool build_scratch(thread_state_t& s) {
 }  // namespace kern_n
 
 using namespace kern_n::detail;
+using kern::syncers::detail::fork_forget;
+using kern::syncers::detail::fork_safe;
 
 namespace {
 
@@ -120,9 +123,14 @@ struct if_logger_t::impl_t {
     boost::unordered_set<if_logger_error_t*> handlers;
 };
 
-if_logger_t::if_logger_t(msgclass_t level) : impl_(new impl_t), level_(level) {}
+// Every mutex of a logger is registered for fork(): a child can log even
+// when another thread of its parent held one at the fork.
+if_logger_t::if_logger_t(msgclass_t level) : impl_(new impl_t), level_(level) { fork_safe(impl_->mutex); }
 
-if_logger_t::~if_logger_t() { delete impl_; }
+if_logger_t::~if_logger_t() {
+    fork_forget(impl_->mutex);
+    delete impl_;
+}
 
 // Reached only by a call made while a logger is being built or destroyed.
 bool if_logger_t::is_stderr() const { QVL_THROW(BUG_exception, "pure virtual if_logger_t::is_stderr() called"); }
@@ -281,17 +289,24 @@ void if_logger_t::log_abort(lstr_t const& text) {
     if (!l) return;
     int const n = static_cast<int>(text.length());
     if (l->is_logged(CRIT)) l->log_CRIT("%.*s\n", n, text.ptr());
-    if (!l->is_stderr()) std::fprintf(stderr, "%.*s\n", n, text.ptr());
+    if (l->is_stderr()) return;
+    sigpipe_guard_t pipe_guard(may_raise_sigpipe(2));
+    if (std::fprintf(stderr, "%.*s\n", n, text.ptr()) < 0) pipe_guard.failed(errno);
 }
 
 // --- bootstrap logger -------------------------------------------------------------------
 
-logger_init_t::simple::simple() : if_logger_t(INFO) { level_filter_only_ = true; }
+logger_init_t::simple::simple() : if_logger_t(INFO), raises_sigpipe_(may_raise_sigpipe(2)) {
+    level_filter_only_ = true;
+}
 
 bool logger_init_t::simple::is_stderr() const { return true; }
 
 size_t logger_init_t::simple::write(char const* text) {
-    return static_cast<size_t>(std::fprintf(stderr, "%s\n", text));
+    sigpipe_guard_t pipe_guard(raises_sigpipe_);
+    int const n = std::fprintf(stderr, "%s\n", text);
+    if (n < 0) pipe_guard.failed(errno);
+    return static_cast<size_t>(n);
 }
 
 logger_init_t::simple& logger_init_t::instance() {
@@ -302,16 +317,79 @@ logger_init_t::simple& logger_init_t::instance() {
     return *s;
 }
 
+namespace {
+
+// True when the calling thread is the process's only one (the process's
+// thread count, field 20 of /proc/self/stat, is 1); false when that cannot
+// be told.
+bool only_thread() {
+    int const fd = open_retry("/proc/self/stat", O_RDONLY, 0);
+    if (fd == -1) return false;
+    char buf[1024];
+    ssize_t n;
+    do {
+        n = ::read(fd, buf, sizeof buf - 1);
+    } while (n == -1 && errno == EINTR);
+    close_once(fd);
+    if (n <= 0) return false;
+    buf[n] = '\0';
+    // The command name in parentheses may hold blanks: count from its end.
+    char const* p = std::strrchr(buf, ')');
+    for (int field = 2; p && field < 20; ++field) p = std::strchr(p + 1, ' ');
+    return p && std::strncmp(p, " 1 ", 3) == 0;
+}
+
+// The process logger retired at exit: kept reachable (volatile, so that the
+// store is not left out) until the process ends.
+if_logger_t* volatile s_retired = nullptr;
+
+}  // namespace
+
+void logger_init_t::settle(if_logger_t* l) {
+    if (chain_logger_impl_t* const c = dynamic_cast<chain_logger_impl_t*>(l)) {
+        settle(c->first);
+        settle(c->second);
+        return;
+    }
+    if (file_logger_impl_t* const f = dynamic_cast<file_logger_impl_t*>(l)) f->wait_compression();
+    if (fd_logger_impl_t* const d = dynamic_cast<fd_logger_impl_t*>(l)) d->write_repeat_summary();
+}
+
 logger_init_t::~logger_init_t() {
     if_logger_t* const l = if_logger_t::Log;
     simple& s = instance();
     if_logger_t::Log = &s;
-    if (l && l != &s) delete l;
+    if (!l || l == &s) return;
+    if (only_thread()) {
+        delete l;
+        return;
+    }
+    // Another thread may still log through it (it took the pointer before).
+    try {
+        settle(l);
+    } catch (...) {
+        // A lock or handler failure has nowhere to go from here.
+    }
+    s_retired = l;
 }
 
 // --- set-up -------------------------------------------------------------------------------
 
 namespace {
+
+// Takes l out of every node of the chain old that holds it, so that
+// destroying old leaves l alive.
+void detach(if_logger_t* old, if_logger_t const* l) {
+    chain_logger_impl_t* const c = dynamic_cast<chain_logger_impl_t*>(old);
+    if (!c) return;
+    for (if_logger_t** member : {&c->first, &c->second}) {
+        if (*member == l) {
+            *member = nullptr;
+        } else {
+            detach(*member, l);
+        }
+    }
+}
 
 // A file logger on file that has opened its file, or null; one that did not
 // open is destroyed here.
@@ -361,7 +439,11 @@ bool init_logger(char const* level, char const* file, char const* rotation, char
         }
     }
 
-    if (old && old != extra && old != if_logger_t::Log) delete old;
+    if (old && old != extra && old != if_logger_t::Log) {
+        // The new logger holds extra too (set up again with the same one).
+        if (extra) detach(old, extra);
+        delete old;
+    }
     return true;
 }
 

@@ -5,14 +5,21 @@
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sched.h>
 #include <string.h>
+#include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <exception>
 #include <string>
+#include <vector>
 
 #include "exceptions.h"
 #include "loggers.h"
 #include "numeric-triades.h"
+#include "syncers-int.h"
 #include "utilities.h"
 
 namespace sd = kern::syncers::detail;
@@ -488,6 +495,210 @@ void rwlock_t::unlock() {
         writers.signal();
     }
 }
+
+// --- locks kept usable across fork() -------------------------------------------------
+
+namespace kern {
+namespace syncers {
+namespace detail {
+
+struct fork_access_t {
+    static pthread_mutex_t& of(mutex_t& m) noexcept { return m.m_; }
+    static pthread_cond_t& of(condvar_t& c) noexcept { return c.c_; }
+};
+
+}  // namespace detail
+}  // namespace syncers
+}  // namespace kern
+
+namespace {
+
+// A registered lock, and what the prepare handler made of it. For a
+// read/write lock, mutex is its guard.
+struct fork_lock_t {
+    enum state_t { left, taken, own, skipped };
+    mutex_t* mutex;
+    rwlock_t* rwlock;
+    state_t state;
+};
+
+// The registry: a plain POSIX mutex, statically initialised and never
+// destroyed, guards the list; the list is released at exit (fork_registry_t),
+// and nothing is registered after that.
+pthread_mutex_t s_fork_guard = PTHREAD_MUTEX_INITIALIZER;
+std::vector<fork_lock_t>* s_fork_locks = nullptr;
+bool s_fork_closed = false;
+
+pthread_mutex_t& posix(fork_lock_t const& l) noexcept { return sd::fork_access_t::of(*l.mutex); }
+
+pid_t current_tid() noexcept { return static_cast<pid_t>(::syscall(SYS_gettid)); }
+
+// The kernel id of the thread holding m, 0 when it is free: the C library
+// records the owner of a mutex of every kind.
+pid_t& owner_of(pthread_mutex_t& m) noexcept { return m.__data.__owner; }
+
+void release_taken(std::vector<fork_lock_t>& locks) noexcept {
+    for (fork_lock_t& l : locks) {
+        if (l.state != fork_lock_t::taken) continue;
+        pthread_mutex_unlock(&posix(l));
+        l.state = fork_lock_t::left;
+    }
+}
+
+// Takes every lock that is left, and answers true; false when it has waited
+// for one a millisecond in vain, holding none then. It waits for one lock
+// at a time and holds none of the others meanwhile: the library's threads
+// take these locks in orders that no single order agrees with (a logger's
+// failure handler that logs through another logger crosses loggers), so a
+// thread that holds one of them while waiting for another must never find
+// this one in its way. The caller holds the registry's guard, which a
+// thread holding a registered lock may be waiting for (a failure handler
+// that builds a logger): hence the bounded wait.
+bool take_all(std::vector<fork_lock_t>& locks) noexcept {
+    size_t wait_for = locks.size();
+    for (;;) {
+        if (wait_for < locks.size()) {
+            fork_lock_t& l = locks[wait_for];
+            struct timespec until;
+            clock_gettime(CLOCK_REALTIME, &until);
+            until.tv_nsec += 1000000;
+            if (until.tv_nsec >= 1000000000) until.tv_sec += 1, until.tv_nsec -= 1000000000;
+            int const rc = pthread_mutex_timedlock(&posix(l), &until);
+            if (rc == ETIMEDOUT) return false;
+            l.state = rc == 0 ? fork_lock_t::taken : fork_lock_t::skipped;
+        }
+        wait_for = locks.size();
+        for (size_t i = 0; i < locks.size() && wait_for == locks.size(); ++i) {
+            fork_lock_t& l = locks[i];
+            if (l.state != fork_lock_t::left) continue;
+            int const rc = pthread_mutex_trylock(&posix(l));
+            if (rc == 0) {
+                l.state = fork_lock_t::taken;
+            } else if (rc == EBUSY) {
+                wait_for = i;
+            } else {
+                l.state = fork_lock_t::skipped;
+            }
+        }
+        if (wait_for == locks.size()) return true;
+        release_taken(locks);
+    }
+}
+
+void fork_prepare() noexcept {
+    for (;;) {
+        pthread_mutex_lock(&s_fork_guard);
+        if (!s_fork_locks) return;
+        pid_t const self = current_tid();
+        for (fork_lock_t& l : *s_fork_locks)
+            l.state = owner_of(posix(l)) == self ? fork_lock_t::own : fork_lock_t::left;
+        if (take_all(*s_fork_locks)) return;
+        pthread_mutex_unlock(&s_fork_guard);
+        sched_yield();
+    }
+}
+
+void fork_parent() noexcept {
+    if (s_fork_locks) release_taken(*s_fork_locks);
+    pthread_mutex_unlock(&s_fork_guard);
+}
+
+// A read/write lock in a child: free, with nobody waiting. Its condition
+// variables are made anew, as they still count the parent's waiters.
+void reset_in_child(rwlock_t& l) noexcept {
+    pthread_cond_init(&sd::fork_access_t::of(l.readers), nullptr);
+    pthread_cond_init(&sd::fork_access_t::of(l.writers), nullptr);
+    l.readers_waiting = 0;
+    l.writers_waiting = 0;
+    l.state = 0;
+}
+
+// Every lock that the forking thread holds (it took them, or held them
+// already) now names the thread's new id as its owner: an error-checking or
+// recursive mutex refuses an unlock by any other id. The taken ones are
+// released; the others stay held by the thread.
+void fork_child() noexcept {
+    if (s_fork_locks) {
+        pid_t const self = current_tid();
+        for (fork_lock_t& l : *s_fork_locks) {
+            if (l.state == fork_lock_t::taken || l.state == fork_lock_t::own) owner_of(posix(l)) = self;
+            if (l.state == fork_lock_t::taken) {
+                if (l.rwlock) reset_in_child(*l.rwlock);
+                pthread_mutex_unlock(&posix(l));
+            }
+            l.state = fork_lock_t::left;
+        }
+    }
+    // A normal mutex: released by whoever calls, as here by the new id.
+    pthread_mutex_unlock(&s_fork_guard);
+}
+
+void register_fork_handlers() noexcept { pthread_atfork(&fork_prepare, &fork_parent, &fork_child); }
+
+// Releases the list at exit (or when the library is unloaded).
+struct fork_registry_t {
+    ~fork_registry_t() {
+        pthread_mutex_lock(&s_fork_guard);
+        delete s_fork_locks;
+        s_fork_locks = nullptr;
+        s_fork_closed = true;
+        pthread_mutex_unlock(&s_fork_guard);
+    }
+} s_fork_registry;
+
+}  // namespace
+
+namespace kern {
+namespace syncers {
+namespace detail {
+
+namespace {
+
+void add_fork_lock(mutex_t& m, rwlock_t* rw) noexcept {
+    static pthread_once_t handlers = PTHREAD_ONCE_INIT;
+    pthread_once(&handlers, &register_fork_handlers);
+    pthread_mutex_lock(&s_fork_guard);
+    try {
+        if (!s_fork_closed) {
+            if (!s_fork_locks) s_fork_locks = new std::vector<fork_lock_t>;
+            std::vector<fork_lock_t>& locks = *s_fork_locks;
+            // Registered twice, a lock would be waited for by its own taker.
+            if (std::none_of(locks.begin(), locks.end(), [&m](fork_lock_t const& l) { return l.mutex == &m; }))
+                locks.push_back(fork_lock_t{&m, rw, fork_lock_t::left});
+        }
+    } catch (std::exception const&) {
+        // Left out: the lock works as before, only not across fork().
+    }
+    pthread_mutex_unlock(&s_fork_guard);
+}
+
+}  // namespace
+
+mutex_t& fork_safe(mutex_t& m) noexcept {
+    add_fork_lock(m, nullptr);
+    return m;
+}
+
+rwlock_t& fork_safe(rwlock_t& l) noexcept {
+    add_fork_lock(l.guard, &l);
+    return l;
+}
+
+void fork_forget(rwlock_t& l) noexcept { fork_forget(l.guard); }
+
+void fork_forget(mutex_t& m) noexcept {
+    pthread_mutex_lock(&s_fork_guard);
+    if (s_fork_locks) {
+        std::vector<fork_lock_t>& locks = *s_fork_locks;
+        locks.erase(std::remove_if(locks.begin(), locks.end(), [&m](fork_lock_t const& l) { return l.mutex == &m; }),
+                    locks.end());
+    }
+    pthread_mutex_unlock(&s_fork_guard);
+}
+
+}  // namespace detail
+}  // namespace syncers
+}  // namespace kern
 
 // --- report -------------------------------------------------------------------------
 

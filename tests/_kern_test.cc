@@ -6,16 +6,20 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "dynamic_library.h"
 #include "loggers.h"
+#include "runnable.h"
 #include "syncers.h"
 #include "time-objs.h"
 
@@ -112,6 +116,41 @@ TEST(kern_child, crand_seed) {
     }
 }
 
+// Detached threads log (through the logger they took at their start, or the
+// current one), list themselves, take a module name lock and sleep, while
+// the program returns from main or calls exit; run by the test below.
+TEST(kern_child, threads_outlive_main) {
+    char const* const how = getenv("KERN_TEST_END");
+    if (!how) GTEST_SKIP() << "runs in a child process";
+    init_logger("INFO", "/dev/null", "", nullptr);
+    static std::atomic<int> running{0};
+    struct entry_t : kern_n::runnable_t {
+        char const* type() const override { return "test"; }
+    };
+    // Replacing the process logger at exit takes no lock, and ThreadSanitizer
+    // reports every thread that reads it meanwhile.
+#ifdef __SANITIZE_THREAD__
+    bool const current = false;
+#else
+    bool const current = true;
+#endif
+    for (bool held : {true, true, !current, !current})
+        std::thread([held, l = if_logger_t::Log] {
+            for (unsigned n = 0;; ++n) {
+                (held ? l : if_logger_t::Log)->log_INFO("line %u", n);
+                entry_t e;
+                e.register_in_list();
+                e.deregister_from_list();
+                late_locker_t<mutex_t> name_lock;
+                kern::dynalib::dso_lock("qvlplug_nosig", name_lock);
+                if (n == 0) ++running;
+            }
+        }).detach();
+    std::thread([] { ++running, kern_n::runnable_t::sleep(timegap_t::infinite()); }).detach();
+    while (running < 5) std::this_thread::yield();
+    if (std::strcmp(how, "exit") == 0) std::exit(0);
+}
+
 // What start-up makes of the environment, and its fatal messages when a pthread call fails,
 // injected by a preloaded shim that writes "<shim-fini>" when exit handlers run.
 TEST(kern, settings_and_fatal_messages_at_load) {
@@ -161,6 +200,19 @@ TEST(kern, teardown_unloads_cached_modules_while_the_logger_still_writes) {
     size_t const unloading = c.err.find("Unloading library \"" + plugins + "/libqvlplug_nosig.so\"");
     EXPECT_TRUE(destroying < unloading && unloading != std::string::npos) << c.err;
     EXPECT_THAT(c.err, testing::HasSubstr("[DynaLib] Destroyed impl"));
+}
+
+// What threads still use while the program ends stays alive (the process
+// logger, the thread registry's guard, the name locks, the sleep event), and
+// the end waits for none of them.
+TEST(kern, threads_running_through_the_end) {
+    for (int i = 0; i < 20; ++i) {
+        child_t const c = run({i % 2 ? "KERN_TEST_END=exit" : "KERN_TEST_END=return"}, "/proc/self/exe",
+                              {"--gtest_filter=kern_child.threads_outlive_main"});
+        size_t const report = std::min(c.err.find("Sanitizer"), c.err.find("runtime error"));
+        ASSERT_TRUE(c.status == 0 && report == std::string::npos)
+            << "run " << i << ", status " << c.status << ": " << c.err.substr(std::min(report, c.err.size()), 3000);
+    }
 }
 
 // A program that is not linked with the library opens it with dlopen, uses

@@ -3,6 +3,7 @@
 #include "loggers.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
@@ -14,10 +15,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <stdexcept>
@@ -27,7 +30,9 @@
 
 #include <gtest/gtest.h>
 
+#include "dynamic_library.h"
 #include "exceptions.h"
+#include "lwp.h"
 #include "runnable.h"
 #include "utilities.h"
 
@@ -228,6 +233,9 @@ TEST(FdLogger, RepeatFolding) {
     log_guard_t guard;
     memfile_t f;
     if_logger_t* l = fd_logger_t::create(f.fd);
+    // An empty first message is written, not taken for the empty initial last message.
+    l->log_INFO("%s", "");
+    l->log_INFO("%s", "");
     // The generation tells prefixes apart; another class is a repeat too.
     for (q_uint32_t g : {10u, 11u, 12u}) {
         if_logger_t::generation = g;
@@ -240,16 +248,17 @@ TEST(FdLogger, RepeatFolding) {
     l->log_INFO("    c");
     delete l;  // the pending summary is written at destruction
     if (!folding) {
-        EXPECT_EQ(tails(f.lines(), true), (strings{"a", "a", "a", "b", "c", "    c", "    c"}));
+        EXPECT_EQ(tails(f.lines(), true), (strings{"", "", "a", "a", "a", "b", "c", "    c", "    c"}));
         // The start-up logger: a descriptor logger on standard error at INFO.
         ASSERT_NE(dynamic_cast<fd_logger_impl_t*>(if_logger_t::Log), nullptr);
         EXPECT_TRUE(if_logger_t::Log->is_stderr() && if_logger_t::Log->get_level() == 4);
         return;
     }
     strings const lines = f.lines();
-    EXPECT_EQ(tails(lines, true), (strings{"a", "[Logger] Last message repeated 3 times", "b", "c", "    c",
+    EXPECT_EQ(tails(lines, true), (strings{"", "[Logger] Last message repeated 2 times", "a",
+                                           "[Logger] Last message repeated 3 times", "b", "c", "    c",
                                            "[Logger] Last message repeated 2 times"}));
-    EXPECT_EQ(tails(lines).at(1), " wrn " + ids() + " 12] noname [Logger] Last message repeated 3 times");
+    EXPECT_EQ(tails(lines).at(3), " wrn " + ids() + " 12] noname [Logger] Last message repeated 3 times");
     std::string out;
     EXPECT_EQ(child_test("QVLSRV_NO_LASTREPEAT=", "FdLogger.RepeatFolding", out), 0) << out;
     EXPECT_NE(out.find("[  PASSED  ] 1 test"), std::string::npos) << out;
@@ -302,6 +311,129 @@ TEST(FdLogger, WriteFailureReportedOnce) {
     EXPECT_EQ(h.calls.size(), 2u);
     delete l;
     close(p[0]), close(p[1]);
+}
+
+// Set in a forked child, whose leak check would take what its parent's
+// threads hold for lost: the leak checker asks this hook.
+bool g_forked = false;
+extern "C" int __lsan_is_turned_off() { return g_forked; }
+// A child of a threaded parent starts threads (a compression), which
+// ThreadSanitizer allows only when told; and each of the hundred children
+// that end would sleep a second at exit.
+extern "C" char const* __tsan_default_options() { return "die_after_fork=0 atexit_sleep_ms=0"; }
+
+// Status of a forked child running f, which answers its exit status (given
+// to exit when ends, else to _exit); -1 when it is still running after a
+// minute, then killed.
+int in_child(std::function<int()> const& f, bool ends = false) {
+    pid_t const pid = fork();
+    if (pid == 0) g_forked = true, ends ? exit(f()) : _exit(f());
+    int const pidfd = int(syscall(SYS_pidfd_open, pid, 0));
+    struct pollfd p = {pidfd, POLLIN, 0};
+    bool const hung = pidfd != -1 && poll(&p, 1, 60000) == 0;
+    if (hung) kill(pid, SIGKILL);
+    close(pidfd);
+    int status = 0;
+    while (waitpid(pid, &status, 0) == -1 && errno == EINTR) continue;
+    return hung ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+bool sigpipe_pending() {
+    sigset_t s;
+    return sigpending(&s) == 0 && sigismember(&s, SIGPIPE) == 1;
+}
+
+// A pipe or socket whose reader has gone: the failure reaches the handler,
+// from the main thread and from a light-weight process, and no SIGPIPE is
+// left to the process; one already pending from elsewhere stays.
+TEST(FdLogger, DeadReaderRaisesNoSigpipe) {
+    int const status = in_child([] {
+        int p[2], s[2];
+        if (pipe2(p, O_CLOEXEC) != 0 || socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, s) != 0) return 1;
+        close(p[0]), close(s[1]);
+        counting_handler_t h;
+        sigset_t pipe_only;
+        sigemptyset(&pipe_only), sigaddset(&pipe_only, SIGPIPE);
+        for (int fd : {p[1], s[0]}) {
+            if_logger_t* l = fd_logger_t::create(fd);
+            l->insert_handler(&h);
+            lwp_t::start("writer", [l] { l->log_INFO("lwp"); }, false)->join(timegap_t::infinite());
+            l->log_INFO("main");
+            pthread_sigmask(SIG_BLOCK, &pipe_only, nullptr);
+            l->log_INFO("blocked");
+            if (sigpipe_pending()) return 2;
+            raise(SIGPIPE);
+            l->log_INFO("pending");
+            if (!sigpipe_pending() || sigwaitinfo(&pipe_only, nullptr) != SIGPIPE) return 3;
+            pthread_sigmask(SIG_UNBLOCK, &pipe_only, nullptr);
+            delete l;
+        }
+        std::string const epipe = "0: " + std::string(strerror(EPIPE)) + " (errno=32) @-1";
+        return h.calls == strings{epipe, epipe} ? 0 : 4;
+    });
+    EXPECT_EQ(status, 0);  // 141: killed by SIGPIPE
+}
+
+// Children forked while four threads log, list themselves and take a module
+// name lock log, list themselves, take the name lock and end: no lock that a
+// thread missing in the child held at the fork is left held there.
+TEST(LoggerFork, ChildrenOfALoggingProcess) {
+    memfile_t f;
+    // Appending: the children share the file offset with the parent's threads.
+    int const fd = open(("/proc/self/fd/" + std::to_string(f.fd)).c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    if_logger_t* const l = fd_logger_t::create(fd);
+    auto use_all = [l](char const* what, unsigned n) {
+        l->log_INFO("%s %u", what, n);
+        named_entry_t e;
+        e.register_in_list();
+        e.deregister_from_list();
+        late_locker_t<mutex_t> name_lock;
+        kern::dynalib::dso_lock("qvlplug_nosig", name_lock);
+    };
+    std::atomic<int> running{0};
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> ts;
+    for (int t = 0; t < 4; ++t)
+        ts.emplace_back([&] {
+            for (unsigned n = 0; !stop; ++n) use_all("thread", n), n || ++running;
+        });
+    while (running < 4) std::this_thread::yield();
+    int child = 0, status = 0;
+    for (; child < 100 && status == 0; ++child) status = in_child([&] { return use_all("child", child), 0; }, true);
+    stop = true;
+    for (std::thread& t : ts) t.join();
+    delete l;
+    close(fd);
+    EXPECT_EQ(status, 0) << "child " << child - 1;  // -1: still running after a minute
+    strings const lines = tails(f.lines(), true);
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](std::string const& s) { return s.rfind("child ", 0) == 0; }),
+              child);
+}
+
+// A fork while a compression runs: the child has none in flight, so its
+// logger rotates, compresses and closes as if it had never started one.
+TEST(LoggerFork, WhileCompressing) {
+    char dir[] = "/tmp/loggers_test.XXXXXX";
+    ASSERT_TRUE(mkdtemp(dir));
+    if_logger_t* const l = file_logger_t::create((std::string(dir) + "/agent.log").c_str(), "3z,1k");
+    std::string const line(600, 'x');
+    int status;
+    {
+        // The compression thread lists itself first: it waits for this.
+        xlocker_t<mutex_t> hold(kern_n::runnable_t::runnables_guard);
+        for (int i = 0; i < 3; ++i) l->log_INFO("%d %s", i, line.c_str());  // the third rotates
+        status = in_child(
+            [&] {
+                kern_n::runnable_t::runnables_guard.unlock();  // held by this thread in the child too
+                for (int i = 3; i < 6; ++i) l->log_INFO("%d %s", i, line.c_str());
+                delete l;  // after its own compression
+                return std::filesystem::exists(std::string(dir) + "/agent.1.log.gz") ? 0 : 2;
+            },
+            true);
+    }
+    delete l;
+    std::filesystem::remove_all(dir);
+    EXPECT_EQ(status, 0);  // -1: still running after a minute
 }
 
 TEST(ChainLogger, MembersHandlersAndShape) {
@@ -401,6 +533,13 @@ TEST(LoggerSetUp, InitLoggerSimpleLoggerAndLastWords) {
     c = dynamic_cast<chain_logger_impl_t*>(if_logger_t::Log);
     ASSERT_TRUE(c && c != before && c->second == extra);
     EXPECT_EQ(c->first->get_level(), 5);
+    // Set up again with the same extra, as a daemon does on SIGHUP: it stays.
+    for (char const* level : {"INFO", "NOTICE"}) EXPECT_TRUE(init_logger(level, "-", "", extra));
+    c = dynamic_cast<chain_logger_impl_t*>(if_logger_t::Log);
+    ASSERT_FALSE(gone);
+    ASSERT_TRUE(c && c->second == extra);
+    c->log_NOTICE("kept");
+    EXPECT_EQ(body(extra->lines.at(0)), "kept");
     delete c;
     EXPECT_TRUE(gone);
 
