@@ -1,25 +1,20 @@
 #include "runnable.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <filesystem>
-#include <fstream>
 #include <stdexcept>
 #include <thread>
 
 #include "code-exec-time.h"
-#include "loggers.h"
 #include "syncers.h"
-#include "utilities.h"
+#include "test-support.h"
 
 using kern_n::runnable_t;
+using test_support::record_logger_t;
 using namespace ::testing;
 
 // Listed once complete, taken out before it is destroyed.
@@ -38,19 +33,6 @@ static std::vector<runnable_t const*> listed() {
     runnable_t::enum_all([&](runnable_t const& e) { out.push_back(&e); });
     return out;
 }
-
-// Takes over the process logger for its life and keeps each message as "<class> <text>".
-struct record_logger_t : if_logger_t {
-    explicit record_logger_t(msgclass_t level) : if_logger_t(level), saved(Log) { Log = this; }
-    ~record_logger_t() override { Log = saved; }
-    bool is_stderr() const override { return false; }
-    size_t write(char const*) override { return 0; }
-    void log_va(msgclass_t c, char const* fmt, va_list ap) override {
-        if (is_logged(c)) lines.push_back(std::to_string(c) + " " + q_format_va(fmt, ap));
-    }
-    if_logger_t* saved;
-    std::vector<std::string> lines;
-};
 
 // The thread report's lines for the registry as it is.
 static std::vector<std::string> report() {
@@ -163,9 +145,7 @@ TEST(Runnable, WalksNeverSeeHalfBuiltOrHalfDestroyedEntries) {
         std::atomic<int>& seen;
         std::atomic<bool> alive{false};
     };
-    pid_t const child = fork();
-    ASSERT_LE(0, child);
-    if (child == 0) {
+    test_support::expect_child_ok([] {
         event_t reached(false, false), go(false, false);
         std::atomic<int> seen{0};
         std::thread builder([&] { half_t h(reached, go, seen); });
@@ -177,11 +157,8 @@ TEST(Runnable, WalksNeverSeeHalfBuiltOrHalfDestroyedEntries) {
             go.signal();
         }
         builder.join();
-        _exit(seen == 0 ? 0 : 2);
-    }
-    int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        return seen == 0 ? 0 : 2;
+    });
 }
 
 TEST(Runnable, PerThreadStoreAndCleanUpOrder) {
