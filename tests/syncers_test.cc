@@ -1,19 +1,12 @@
 #include "syncers.h"
 
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <thread>
 
 #include "exceptions.h"
-#include "loggers.h"
-#include "utilities.h"
+#include "test-support.h"
 
 namespace d = kern::syncers::detail;
 
@@ -280,32 +273,13 @@ TEST(Syncers, RwlockAndHolders) {
 // QVLSRV_RWLOCK_READPREFERED is read at load, so a child with it present,
 // even empty, runs the reader and writer race with writers preferred.
 TEST(Syncers, WritersPreferredFromTheEnvironment) {
-    if (getenv("SYNCERS_CHILD")) {
-        ASSERT_TRUE(rwlock_t::write_prefered);
-        return check_rwlock(true);
-    }
-    char self[4096] = {};
-    ASSERT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
-    int const status = std::system((std::string("QVLSRV_RWLOCK_READPREFERED= SYNCERS_CHILD=1 '") + self +
-                                    "' --gtest_filter=Syncers.WritersPreferredFromTheEnvironment").c_str());
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    if (!test_support::in_child({"QVLSRV_RWLOCK_READPREFERED="})) return;
+    ASSERT_TRUE(rwlock_t::write_prefered);
+    check_rwlock(true);
 }
 
-// Keeps the texts logged while it is the process logger.
-struct record_logger_t : if_logger_t {
-    record_logger_t() : if_logger_t(NOTICE), saved(Log) { Log = this; }
-    ~record_logger_t() override { Log = saved; }
-    bool is_stderr() const override { return false; }
-    size_t write(char const*) override { return 0; }
-    void log_va(msgclass_t c, char const* fmt, va_list ap) override {
-        if (is_logged(c)) lines.push_back(q_format_va(fmt, ap));
-    }
-    if_logger_t* saved;
-    std::vector<std::string> lines;
-};
-
 TEST(Syncers, StatisticReport) {
-    record_logger_t log;
+    test_support::record_logger_t log(if_logger_t::NOTICE);
     log_syncers_stat();
     log.set_level(if_logger_t::WARNING);
     log_syncers_stat();  // NOTICE is off: nothing
@@ -313,15 +287,15 @@ TEST(Syncers, StatisticReport) {
     using namespace d;
     auto n = [](q_uint64_t v) { return std::to_string(v); };
     EXPECT_EQ(log.lines, (std::vector<std::string>{
-        "[Sync] Mutex: " + n(mutex::ctor) + " total, " + n(mutex::take) + " locks; " + n(mutex::ctor - mutex::dtor) +
+        "3 [Sync] Mutex: " + n(mutex::ctor) + " total, " + n(mutex::take) + " locks; " + n(mutex::ctor - mutex::dtor) +
             " existing, " + n(mutex::take - mutex::free) + " locked now",
-        "[Sync] Condvar: " + n(condvar::ctor - condvar::dtor) + " existing; " + n(condvar::ctor) + " total, " +
+        "3 [Sync] Condvar: " + n(condvar::ctor - condvar::dtor) + " existing; " + n(condvar::ctor) + " total, " +
             n(condvar::free) + " signals, " + n(condvar::take) + " waits",
-        "[Sync] Event: " + n(event::ctor - event::dtor) + " existing; " + n(event::ctor) + " total, " + n(event::free) +
+        "3 [Sync] Event: " + n(event::ctor - event::dtor) + " existing; " + n(event::ctor) + " total, " + n(event::free) +
             " signals, " + n(event::take) + " waits",
-        "[Sync] Semaphore: " + n(semaphore::ctor - semaphore::dtor) + " existing; " + n(semaphore::ctor) + " total, " +
+        "3 [Sync] Semaphore: " + n(semaphore::ctor - semaphore::dtor) + " existing; " + n(semaphore::ctor) + " total, " +
             n(semaphore::free) + " posts, " + n(semaphore::take) + " waits",
-        "[Sync] R/W Lock: " + n(rwlock::ctor - rwlock::dtor) + " existing; " + n(rwlock::ctor) + " total, " +
+        "3 [Sync] R/W Lock: " + n(rwlock::ctor - rwlock::dtor) + " existing; " + n(rwlock::ctor) + " total, " +
             n(rwlock::free) + " signals, " + n(rwlock::stake) + " s-waits, " + n(rwlock::xtake) + " x-waits"}));
 }
 
@@ -351,26 +325,17 @@ TEST(Syncers, NoAllocationOnLockWaitOrSignal) {
     auto round = [&] {
         m.xlock();
         EXPECT_FALSE(cv.wait(m, kern::time::now() + ms(1)));
-        cv.signal();
-        m.unlock();
-        EXPECT_TRUE(m.try_xlock());
-        m.unlock();
+        cv.signal(), m.unlock();
+        EXPECT_TRUE(m.try_xlock() && (m.unlock(), true));
         rw.slock();
         EXPECT_TRUE(rw.try_slock());
-        rw.unlock();
-        rw.unlock();
-        rw.xlock();
-        rw.unlock();
-        EXPECT_TRUE(rw.try_xlock());
-        rw.unlock();
+        rw.unlock(), rw.unlock(), rw.xlock(), rw.unlock();
+        EXPECT_TRUE(rw.try_xlock() && (rw.unlock(), true));
         ev.signal();
-        EXPECT_TRUE(ev.wait(ms(1)));
-        EXPECT_FALSE(ev.try_wait());
-        EXPECT_FALSE(ev.wait(ms(1)));
+        EXPECT_TRUE(ev.wait(ms(1)) && !ev.try_wait() && !ev.wait(ms(1)));
         sem.post();
-        EXPECT_TRUE(sem.try_wait());
-        EXPECT_FALSE(sem.wait(ms(1)));
-        { xlocker_t<mutex_t> hold(m); }
+        EXPECT_TRUE(sem.try_wait() && !sem.wait(ms(1)));
+        xlocker_t<mutex_t> hold(m);
     };
     round();  // the thread's first counts claim its counter slot
     long const before = t_news;
