@@ -3,24 +3,17 @@
 
 #include <dlfcn.h>
 #include <link.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <cstdlib>
-#include <functional>
 #include <regex>
 #include <sstream>
 #include <thread>
-#include <utility>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "exceptions.h"
-#include "loggers.h"
-#include "utilities.h"
+#include "test-support.h"
 
 using namespace ::testing;
 namespace kd = kern::dynalib;
@@ -37,22 +30,10 @@ static bool mapped(std::string const& file) {
     return dl_iterate_phdr(seen, const_cast<std::string*>(&file)) != 0;
 }
 
-// Takes over the process logger for its life and keeps the message texts (of one thread).
-struct capture_t : if_logger_t {
-    explicit capture_t(msgclass_t level) : if_logger_t(level), saved(Log) { Log = this; }
-    ~capture_t() override { Log = saved; }
-    bool is_stderr() const override { return false; }
-    size_t write(char const*) override { return 0; }
-    void log_va(msgclass_t c, char const* fmt, va_list ap) override {
-        if (is_logged(c)) lines.push_back(q_format_va(fmt, ap));
-    }
-    std::vector<std::string> take() { return std::exchange(lines, {}); }  // the lines so far, which are dropped
-    if_logger_t* saved;
-    std::vector<std::string> lines;
-};
+using capture_t = test_support::record_logger_t;
 
-// Matches the lines written as pattern, one for each "|"-separated piece: "~" at the start stands for
-// "[DynaLib] ", %p for any pointer, %t for a 17-digit time stamp and %s for any text.
+// Matches the lines written as pattern, one for each "|"-separated piece, after the class: "~" at the
+// start stands for "[DynaLib] ", %p for any pointer, %t for a 17-digit time stamp and %s for any text.
 static Matcher<std::vector<std::string>> story(std::string const& pattern) {
     std::vector<Matcher<std::string const&>> lines;
     std::istringstream in(pattern);
@@ -61,7 +42,7 @@ static Matcher<std::vector<std::string>> story(std::string const& pattern) {
         std::string re = std::regex_replace(piece, std::regex(R"([\\^$.?*+()[\]{}])"), R"(\$&)");
         for (auto const& [from, to] : {std::pair("%p", "0x[0-9a-f]+"), {"%t", "[0-9]{17}"}, {"%s", ".*"}})
             re = std::regex_replace(re, std::regex(from), to);
-        lines.push_back(MatchesRegex(re));
+        lines.push_back(MatchesRegex("[0-9]+ " + re));
     }
     return ElementsAreArray(lines);
 }
@@ -326,14 +307,10 @@ TEST_F(dynalib, environment_factory_keeps_errors_and_destroys_the_object_first) 
 // of wrapping below zero, which would drop every idle entry at once.
 TEST_F(dynalib, ttl_in_a_child) {
     char const* const ttl = getenv("QVLSRV_DYNALIB_TTL");
-    if (!getenv("QVLKERN_CHILD")) {
-        TestInfo const* const me = UnitTest::GetInstance()->current_test_info();
-        for (char const* value : {"0", "100G", "18446744073709551615"}) {
-            int const status = std::system((std::string("QVLSRV_DYNALIB_TTL=") + value + " QVLKERN_CHILD=1 '" +
-                                            program_invocation_name + "' --gtest_filter=" + me->test_suite_name() +
-                                            "." + me->name()).c_str());
-            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << value << ": " << status;
-        }
+    if (!getenv("QVLKERN_TEST_CHILD")) {
+        for (char const* value : {"QVLSRV_DYNALIB_TTL=0", "QVLSRV_DYNALIB_TTL=100G",
+                                  "QVLSRV_DYNALIB_TTL=18446744073709551615"})
+            test_support::in_child({value});
         return;
     }
     std::string const sig = file_of("qvlplug_sig"), nosig = file_of("qvlplug_nosig"), gone = nosig + "\"";
