@@ -2,39 +2,27 @@
 // init_logger: memfds, pipes, child processes and a real syslog socket.
 #include "loggers.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <sys/mman.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
-#include <functional>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "dynamic_library.h"
 #include "exceptions.h"
 #include "lwp.h"
 #include "runnable.h"
-#include "utilities.h"
+#include "test-support.h"
 
 namespace {
 
@@ -100,18 +88,6 @@ std::string bug_text(std::function<void()> const& f) {
     } catch (BUG_exception_shell_t const& e) {
         return e.what();
     }
-}
-
-// Runs tests of this program in a child with env set; answers its status.
-int child_test(char const* env, char const* filter, std::string& out) {
-    char exe[4096];
-    ssize_t const n = readlink("/proc/self/exe", exe, sizeof exe);
-    std::string const cmd = q_format("%s '%.*s' --gtest_filter=%s 2>&1", env, int(n), exe, filter);
-    FILE* p = popen(cmd.c_str(), "re");
-    char buf[4096];
-    for (size_t k; p && (k = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, k);
-    int const status = p ? pclose(p) : -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 // Appends through format (class c) or, for c < 0, format_user.
@@ -228,7 +204,8 @@ TEST(LoggerPrefix, LayoutParsesBack) {
 
 // Run again in a child with QVLSRV_NO_LASTREPEAT (read at start-up) set.
 TEST(FdLogger, RepeatFolding) {
-    bool const folding = !std::getenv("QVLSRV_NO_LASTREPEAT");
+    bool const folding = !std::getenv("QVLKERN_TEST_CHILD");
+    if (folding) test_support::in_child({"QVLSRV_NO_LASTREPEAT="});
     EXPECT_EQ(fd_logger_t::last_repeated_avail, folding);
     log_guard_t guard;
     memfile_t f;
@@ -259,9 +236,6 @@ TEST(FdLogger, RepeatFolding) {
                                            "[Logger] Last message repeated 3 times", "b", "c", "    c",
                                            "[Logger] Last message repeated 2 times"}));
     EXPECT_EQ(tails(lines).at(3), " wrn " + ids() + " 12] noname [Logger] Last message repeated 3 times");
-    std::string out;
-    EXPECT_EQ(child_test("QVLSRV_NO_LASTREPEAT=", "FdLogger.RepeatFolding", out), 0) << out;
-    EXPECT_NE(out.find("[  PASSED  ] 1 test"), std::string::npos) << out;
 }
 
 TEST(FdLogger, ConcurrentLinesStayWhole) {
@@ -374,9 +348,8 @@ TEST(FdLogger, DeadReaderRaisesNoSigpipe) {
     EXPECT_EQ(status, 0);  // 141: killed by SIGPIPE
 }
 
-// Children forked while four threads log, list themselves and take a module
-// name lock log, list themselves, take the name lock and end: no lock that a
-// thread missing in the child held at the fork is left held there.
+// Children forked while four threads log, list themselves and take a module name lock do the same and
+// end: no lock that a thread missing in the child held at the fork is left held there.
 TEST(LoggerFork, ChildrenOfALoggingProcess) {
     memfile_t f;
     // Appending: the children share the file offset with the parent's threads.
@@ -413,9 +386,8 @@ TEST(LoggerFork, ChildrenOfALoggingProcess) {
 // A fork while a compression runs: the child has none in flight, so its
 // logger rotates, compresses and closes as if it had never started one.
 TEST(LoggerFork, WhileCompressing) {
-    char dir[] = "/tmp/loggers_test.XXXXXX";
-    ASSERT_TRUE(mkdtemp(dir));
-    if_logger_t* const l = file_logger_t::create((std::string(dir) + "/agent.log").c_str(), "3z,1k");
+    test_support::temp_dir_t dir;
+    if_logger_t* const l = file_logger_t::create((dir / "agent.log").c_str(), "3z,1k");
     std::string const line(600, 'x');
     int status;
     {
@@ -427,12 +399,11 @@ TEST(LoggerFork, WhileCompressing) {
                 kern_n::runnable_t::runnables_guard.unlock();  // held by this thread in the child too
                 for (int i = 3; i < 6; ++i) l->log_INFO("%d %s", i, line.c_str());
                 delete l;  // after its own compression
-                return std::filesystem::exists(std::string(dir) + "/agent.1.log.gz") ? 0 : 2;
+                return std::filesystem::exists(dir / "agent.1.log.gz") ? 0 : 2;
             },
             true);
     }
     delete l;
-    std::filesystem::remove_all(dir);
     EXPECT_EQ(status, 0);  // -1: still running after a minute
 }
 
@@ -590,17 +561,9 @@ TEST(SyslogLogger, FacilitiesAndFormat) {
 
 // Run again in a child with a private /dev, where a socket is /dev/log.
 TEST(SyslogLogger, RecordsReachSyslogSocket) {
-    if (!std::getenv("QVLKERN_SYSLOG_CHILD")) {
-        if (geteuid() != 0) GTEST_SKIP() << "needs root to mount a test socket over /dev/log";
-        std::string out;
-        int const rc = child_test("QVLKERN_SYSLOG_CHILD=1", "SyslogLogger.RecordsReachSyslogSocket", out);
-        if (out.find("[  SKIPPED ] 1 test") != std::string::npos) GTEST_SKIP() << out;
-        EXPECT_EQ(rc, 0) << out;
-        return;
-    }
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", "/dev", "tmpfs", 0, nullptr) != 0)
-        GTEST_SKIP() << "cannot mount a private /dev: " << strerror(errno);
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to mount a test socket over /dev/log";
+    if (!test_support::in_child()) return;
+    ASSERT_TRUE(test_support::private_mounts("/dev")) << strerror(errno);
     int sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     struct sockaddr_un addr = {AF_UNIX, "/dev/log"};
     ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
