@@ -193,13 +193,7 @@ TEST_F(dynalib, debug_messages_tell_the_cache_story) {
 // into it would then crash), and nothing leaks or races. Each worker waits now and then, holding its
 // handles, for a whole flush to pass, so flushes overlap the work however the threads are scheduled.
 TEST_F(dynalib, concurrent_opens_and_flushes) {
-    auto on_threads = [](int n, std::function<void(int)> fn) {  // all start together
-        std::atomic<int> ready(0);
-        std::vector<std::thread> pool;
-        for (int t = 0; t < n; ++t)
-            pool.emplace_back([&, t] { for (++ready; ready.load() < n;) std::this_thread::yield(); fn(t); });
-        for (auto& th : pool) th.join();
-    };
+    using test_support::on_threads;
     std::vector<std::string> libs{"qvlplug_nosig", "qvlplug_sig"};
     for (int i = 0; i < 8; ++i) libs.push_back("qvlplug_multi_" + std::to_string(i));
     kc::set_enabled();

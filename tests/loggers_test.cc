@@ -83,11 +83,8 @@ struct log_guard_t {
 std::string ids() { return q_format("[%05d %05ld", getpid() % 100000, syscall(SYS_gettid) % 100000); }
 
 std::string bug_text(std::function<void()> const& f) {
-    try {
-        return f(), "<no BUG_exception>";
-    } catch (BUG_exception_shell_t const& e) {
-        return e.what();
-    }
+    try { f(); } catch (BUG_exception_shell_t const& e) { return e.what(); }
+    return "<no BUG_exception>";
 }
 
 // Appends through format (class c) or, for c < 0, format_user.

@@ -16,14 +16,7 @@ static bool eventually(std::function<bool()> f) {
     return f();
 }
 
-// Runs fn(thread index) on n threads that all start together.
-static void on_threads(int n, std::function<void(int)> fn) {
-    std::atomic<int> arrived(0);
-    std::vector<std::thread> pool;
-    for (int t = 0; t < n; ++t)
-        pool.emplace_back([&, t] { for (++arrived; arrived.load() < n;) std::this_thread::yield(); fn(t); });
-    for (auto& th : pool) th.join();
-}
+using test_support::on_threads;
 
 static timegap_t ms(long n) { return timegap_t(n, -3); }
 static std::string sys_text(int code) { return std::string(strerror(code)) + " (errno=" + std::to_string(code) + ")"; }

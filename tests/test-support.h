@@ -99,3 +99,19 @@ struct record_logger_t : if_logger_t {
 };
 
 }  // namespace test_support
+
+#include <atomic>
+#include <thread>
+
+namespace test_support {
+
+// Runs fn(thread index) on n threads that all start together.
+inline void on_threads(int n, std::function<void(int)> const& fn) {
+    std::atomic<int> arrived(0);
+    std::vector<std::thread> pool;
+    for (int t = 0; t < n; ++t)
+        pool.emplace_back([&, t] { for (++arrived; arrived.load() < n;) std::this_thread::yield(); fn(t); });
+    for (auto& th : pool) th.join();
+}
+
+}  // namespace test_support
