@@ -2,25 +2,17 @@
 #include "_kern.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <thread>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "dynamic_library.h"
-#include "loggers.h"
 #include "runnable.h"
 #include "syncers.h"
+#include "test-support.h"
 #include "time-objs.h"
 
 static std::string const plugins = QVLKERN_EXAMPLES_BINARY_DIR "/plugins";
@@ -37,23 +29,17 @@ static child_t run(std::vector<std::string> env, std::string exe = "/proc/self/e
     std::vector<char*> envp, argv{&exe[0]};
     for (auto& e : env) envp.push_back(&e[0]);
     for (auto& a : args) argv.push_back(&a[0]);
-    envp.push_back(nullptr);
-    argv.push_back(nullptr);
-    std::string const base = "/tmp/kern_test." + std::to_string(getpid()), files[] = {base + ".out", base + ".err"};
+    envp.push_back(nullptr), argv.push_back(nullptr);
+    test_support::temp_dir_t const tmp;
     pid_t const pid = fork();
     if (pid == 0) {
-        for (int fd : {1, 2}) dup2(open(files[fd - 1].c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), fd);
+        for (int fd : {1, 2}) dup2(open((tmp / std::to_string(fd)).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600), fd);
         execve(exe.c_str(), argv.data(), envp.data());
         _exit(127);
     }
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) continue;
-    child_t c{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), "", ""};
-    for (int i : {0, 1}) {
-        std::getline(std::ifstream(files[i]), i ? c.err : c.out, '\0');
-        unlink(files[i].c_str());
-    }
-    return c;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), tmp.read("1"), tmp.read("2")};
 }
 
 TEST(kern, banner) {
