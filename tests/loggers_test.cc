@@ -270,8 +270,7 @@ TEST(FdLogger, WriteFailureReportedOnce) {
     l->log_INFO("full 2");
     EXPECT_EQ(h.calls, strings{"0: " + std::string(strerror(EAGAIN)) + " (errno=11) @-1"});
     char buf[65536];
-    while (read(p[0], buf, sizeof buf) > 0) {
-    }
+    while (read(p[0], buf, sizeof buf) > 0) continue;
     l->log_INFO("after");
     ssize_t const n = read(p[0], buf, sizeof buf);
     EXPECT_EQ(body(std::string(buf, size_t(std::max<ssize_t>(n, 0)))), "after\n");
