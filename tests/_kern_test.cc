@@ -19,8 +19,8 @@ static std::string const plugins = QVLKERN_EXAMPLES_BINARY_DIR "/plugins";
 
 struct child_t { int status; std::string out, err; };  // status: exit status, or 128 + signal
 
-// Runs exe with args, the environment of this process without its QVLSRV_* variables, plus
-// env; by default this program again, running only the settings report.
+// Runs exe with args, the environment of this process without its QVLSRV_* variables, plus env; by default this
+// program again, running only the settings report.
 static child_t run(std::vector<std::string> env, std::string exe = "/proc/self/exe",
                    std::vector<std::string> args = {"--gtest_filter=kern_child.report"}) {
     env.push_back("QVLKERN_CHILD=1");
@@ -87,9 +87,8 @@ TEST(kern_child, report) {
     }
 }
 
-// The C library's generator was seeded at load from the process, the thread
-// and the clock's 100-nanosecond count within its tenth of a second: the
-// count is searched back from now until the first two draws match.
+// The C library's generator was seeded at load from the process, the thread and the clock's 100-nanosecond count
+// within its tenth of a second: the count is searched back from now until the first two draws match.
 TEST(kern_child, crand_seed) {
     if (!getenv("QVLKERN_CHILD")) GTEST_SKIP() << "runs in a child process";
     auto mix = [](unsigned long long x) { return (x << 27) ^ (x << 21) ^ x ^ (x << 17) ^ (x << 7); };
@@ -102,9 +101,8 @@ TEST(kern_child, crand_seed) {
     }
 }
 
-// Detached threads log (through the logger they took at their start, or the
-// current one), list themselves, take a module name lock and sleep, while
-// the program returns from main or calls exit; run by the test below.
+// Detached threads log (through the logger they took at their start, or the current one), list themselves, take a
+// module name lock and sleep, while the program returns from main or calls exit; run by the test below.
 TEST(kern_child, threads_outlive_main) {
     char const* const how = getenv("KERN_TEST_END");
     if (!how) GTEST_SKIP() << "runs in a child process";
@@ -113,8 +111,8 @@ TEST(kern_child, threads_outlive_main) {
     struct entry_t : kern_n::runnable_t {
         char const* type() const override { return "test"; }
     };
-    // Replacing the process logger at exit takes no lock, and ThreadSanitizer
-    // reports every thread that reads it meanwhile.
+    // Replacing the process logger at exit takes no lock, and ThreadSanitizer reports every thread that reads it
+    // meanwhile.
 #ifdef __SANITIZE_THREAD__
     bool const current = false;
 #else
@@ -137,8 +135,8 @@ TEST(kern_child, threads_outlive_main) {
     if (std::strcmp(how, "exit") == 0) std::exit(0);
 }
 
-// What start-up makes of the environment, and its fatal messages when a pthread call fails,
-// injected by a preloaded shim that writes "<shim-fini>" when exit handlers run.
+// What start-up makes of the environment, and its fatal messages when a pthread call fails, injected by a preloaded
+// shim that writes "<shim-fini>" when exit handlers run.
 TEST(kern, settings_and_fatal_messages_at_load) {
     std::string const shim = plugins + "/libqvlkern_fault_shim.so";
     if (access(shim.c_str(), R_OK) != 0) FAIL() << "fault shim missing: the examples build makes them";
@@ -147,8 +145,8 @@ TEST(kern, settings_and_fatal_messages_at_load) {
                                         "ASAN_OPTIONS=verify_asan_link_order=0"};
     };
     std::string const defaults = "type=2 name=default errorcheck wp=0 lr=1 dbg=0 ttl=60", m = "QVLSRV_MUTEX_TYPE=";
-    // Mutex kinds compare without case, the text kept as written; presence sets a flag, even empty.
-    // A failed start-up (status 1) leaves only its error text, "*ABORT*" ones without a line end.
+    // Mutex kinds compare without case, the text kept as written; presence sets a flag, even empty. A failed start-up
+    // (status 1) leaves only its error text, "*ABORT*" ones without a line end.
     struct { std::vector<std::string> env; int status; std::string text; } const cases[] = {
         {{}, 0, defaults}, {failing("nothing"), 0, defaults},  // the shim alone changes nothing
         {{m + "normal", "QVLSRV_DYNALIB_TTL=1m"}, 0, "type=0 name=normal wp=0 lr=1 dbg=0 ttl=1048576"},
@@ -177,8 +175,8 @@ TEST(kern, c_library_generator_seeded_at_load) {
                 testing::HasSubstr("SEEDED\n"));
 }
 
-// The module cache is torn down before the start-up logger: what its last
-// module says on the way out still reaches standard error.
+// The module cache is torn down before the start-up logger: what its last module says on the way out still reaches
+// standard error.
 TEST(kern, teardown_unloads_cached_modules_while_the_logger_still_writes) {
     child_t const c = run({"QVLSRV_DEBUG_DYNALIB=1", "KERN_TEST_LEAVE_CACHED=1"});
     EXPECT_EQ(c.status, 0) << c.err;
@@ -188,9 +186,8 @@ TEST(kern, teardown_unloads_cached_modules_while_the_logger_still_writes) {
     EXPECT_THAT(c.err, testing::HasSubstr("[DynaLib] Destroyed impl"));
 }
 
-// What threads still use while the program ends stays alive (the process
-// logger, the thread registry's guard, the name locks, the sleep event), and
-// the end waits for none of them.
+// What threads still use while the program ends stays alive (the process logger, the thread registry's guard, the
+// name locks, the sleep event), and the end waits for none of them.
 TEST(kern, threads_running_through_the_end) {
     for (int i = 0; i < 20; ++i) {
         child_t const c = run({i % 2 ? "KERN_TEST_END=exit" : "KERN_TEST_END=return"}, "/proc/self/exe",
@@ -201,8 +198,7 @@ TEST(kern, threads_running_through_the_end) {
     }
 }
 
-// A program that is not linked with the library opens it with dlopen, uses
-// it and closes it again, twenty times.
+// A program that is not linked with the library opens it with dlopen, uses it and closes it again, twenty times.
 TEST(kern, dlopen_and_dlclose_of_the_library_itself) {
     std::string const exe = plugins + "/qvlkern_dlopen_cycle";
     child_t const c = run({"QVLSRV_DEBUG_DYNALIB=1", "QVLSRV_DYNALIB_TTL=3k"}, exe, {"20"});

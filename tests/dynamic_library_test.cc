@@ -32,8 +32,8 @@ static bool mapped(std::string const& file) {
 
 using capture_t = test_support::record_logger_t;
 
-// Matches the lines written as pattern, one for each "|"-separated piece, after the class: "~" at the
-// start stands for "[DynaLib] ", %p for any pointer, %t for a 17-digit time stamp and %s for any text.
+// Matches the lines written as pattern, one for each "|"-separated piece, after the class: "~" at the start stands
+// for "[DynaLib] ", %p for any pointer, %t for a 17-digit time stamp and %s for any text.
 static Matcher<std::vector<std::string>> story(std::string const& pattern) {
     std::vector<Matcher<std::string const&>> lines;
     std::istringstream in(pattern);
@@ -187,11 +187,11 @@ TEST_F(dynalib, debug_messages_tell_the_cache_story) {
     }
 }
 
-// Many threads open the same and different modules at once: all handles on a name share one image (a
-// second load would keep its own). Then threads open, use and release modules while another flushes
-// idle ones with no time to live at all: a module must never go while a handle holds it (calling
-// into it would then crash), and nothing leaks or races. Each worker waits now and then, holding its
-// handles, for a whole flush to pass, so flushes overlap the work however the threads are scheduled.
+// Many threads open the same and different modules at once: all handles on a name share one image (a second load
+// would keep its own). Then threads open, use and release modules while another flushes idle ones with no time to
+// live at all: a module must never go while a handle holds it (calling into it would then crash), and nothing leaks
+// or races. Each worker waits now and then, holding its handles, for a whole flush to pass, so flushes overlap the
+// work however the threads are scheduled.
 TEST_F(dynalib, concurrent_opens_and_flushes) {
     using test_support::on_threads;
     std::vector<std::string> libs{"qvlplug_nosig", "qvlplug_sig"};
@@ -244,9 +244,9 @@ TEST_F(dynalib, concurrent_opens_and_flushes) {
     for (auto& l : libs) EXPECT_FALSE(mapped(file_of(l))) << l;
 }
 
-// A module whose initialiser opens another module whose name shares its name lock: the nested load
-// goes ahead instead of waiting for the lock its own thread holds (an error with the error-checking
-// mutex kind, a hang with the normal one), takes no name lock, and leaves the next load to take its own.
+// A module whose initialiser opens another module whose name shares its name lock: the nested load goes ahead instead
+// of waiting for the lock its own thread holds (an error with the error-checking mutex kind, a hang with the normal
+// one), takes no name lock, and leaves the next load to take its own.
 TEST_F(dynalib, nested_load_under_a_shared_name_lock) {
     ASSERT_EQ(lstr_t("qvlplug_nested").calc_hash64() % kd::dso_lock_count,
               lstr_t("qvlplug_multi_3").calc_hash64() % kd::dso_lock_count);
@@ -295,10 +295,9 @@ TEST_F(dynalib, environment_factory_keeps_errors_and_destroys_the_object_first) 
     EXPECT_THAT(missing.get_error(), StartsWith("load library \"" + file_of("qvlplug_none") + "\" failed because of "));
 }
 
-// QVLSRV_DYNALIB_TTL is read at load, so each value runs in a child. At 0
-// every idle entry that only the cache holds drops at the next flush; a held
-// one stays. A count of seconds too large for a time value saturates instead
-// of wrapping below zero, which would drop every idle entry at once.
+// QVLSRV_DYNALIB_TTL is read at load, so each value runs in a child. At 0 every idle entry that only the cache holds
+// drops at the next flush; a held one stays. A count of seconds too large for a time value saturates instead of
+// wrapping below zero, which would drop every idle entry at once.
 TEST_F(dynalib, ttl_in_a_child) {
     char const* const ttl = getenv("QVLSRV_DYNALIB_TTL");
     if (!getenv("QVLKERN_TEST_CHILD")) {

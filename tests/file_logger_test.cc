@@ -1,6 +1,5 @@
-// Tests of the file logger: real files, gzip streams read back with zlib and
-// checked with the gzip command, a private tmpfs for the full-disk case, and
-// a clock of the tests' own for periods, checks and the reopen gate.
+// Tests of the file logger: real files, gzip streams read back with zlib and checked with the gzip command, a private
+// tmpfs for the full-disk case, and a clock of the tests' own for periods, checks and the reopen gate.
 #include "loggers.h"
 
 #include <zlib.h>
@@ -39,8 +38,8 @@ std::string name_of(std::string const& base, unsigned n, bool gz) {
     return out;
 }
 
-// The text of kept file n of base; when gz, read with zlib, and only when it
-// is a whole gzip stream that the gzip command finds sound too.
+// The text of kept file n of base; when gz, read with zlib, and only when it is a whole gzip stream that the gzip
+// command finds sound too.
 std::string kept(std::string const& base, unsigned n, bool gz) {
     std::string const name = name_of(base, n, gz), raw = read_file(name);
     if (!gz) return raw;
@@ -104,8 +103,8 @@ struct zone_guard_t {
     ~zone_guard_t() { (saved ? setenv("TZ", text.c_str(), 1) : unsetenv("TZ")), tzset(); }
 };
 
-// A temporary directory, the log's name and a logger on it; the process
-// logger and the clock come back afterwards. fake sets the tests' clock.
+// A temporary directory, the log's name and a logger on it; the process logger and the clock come back afterwards.
+// fake sets the tests' clock.
 struct scene_t {
     if_logger_t* saved = if_logger_t::Log;
     file_logger_impl_t::clock_fn_t clock = file_logger_impl_t::clock;
@@ -122,8 +121,8 @@ struct scene_t {
         l.reset(new file_logger_impl_t(name.c_str(), rotation, banner));
         return if_logger_t::Log = l.get(), l.get();
     }
-    // Destroys the logger, which waits for its compression, and only then
-    // the process logger that the compression formats its reports with.
+    // Destroys the logger, which waits for its compression, and only then the process logger that the compression
+    // formats its reports with.
     void close() { l.reset(), if_logger_t::Log = saved; }
 };
 
@@ -211,8 +210,8 @@ TEST(FileLoggerSpec, GrammarTableAndInitLogger) {
     delete chain;
 }
 
-// 600 numbered lines rotated at 2 KiB: each kept file holds exactly the bytes
-// rotated and the notice, and the lines run on from the oldest to the current.
+// 600 numbered lines rotated at 2 KiB: each kept file holds exactly the bytes rotated and the notice, and the lines
+// run on from the oldest to the current.
 void check_size_rotation(unsigned count, bool gz) {
     SCOPED_TRACE("count " + std::to_string(count) + (gz ? " compressed" : " plain"));
     scene_t s;
@@ -256,9 +255,8 @@ TEST(FileLoggerRotation, BySizeKeepsCountFiles) {
     }
 }
 
-// A chain as the process logger formats the file logger's own lines (the
-// notice ending a file, the banner opening the next) without a line end:
-// every record must still be a line of its own, starting with its stamp.
+// A chain as the process logger formats the file logger's own lines (the notice ending a file, the banner opening the
+// next) without a line end: every record must still be a line of its own, starting with its stamp.
 TEST(FileLoggerRotation, OwnLinesEndUnderAChain) {
     scene_t s;
     if_logger_t::Log = fd_logger_t::create(-1);  // replaced, and deleted, by init_logger
@@ -319,8 +317,8 @@ TEST(FileLoggerRotation, ByLocalPeriodsAndFirstLineStamp) {
     EXPECT_FALSE(step(local_at(2020, 6, 21, 23, 59, 59)));
     EXPECT_TRUE(step(local_at(2020, 6, 22, 0, 0, 0)));
 
-    // The period counts from the first line's stamp when it is earlier than
-    // now (begun yesterday: rotated at once), else from now.
+    // The period counts from the first line's stamp when it is earlier than now (begun yesterday: rotated at once),
+    // else from now.
     for (char const* first : {"20200614.100000.00", "20200615.080000.00", "20200616.080000.00",
                               "2020061x.080000.00", "20201315.080000.00", "short"}) {
         std::ofstream(s.name, std::ios::trunc) << first << " inf [00001 00001] noname old\n";
@@ -337,8 +335,8 @@ TEST(FileLoggerRotation, ByLocalPeriodsAndFirstLineStamp) {
 TEST(FileLoggerRecovery, RemovedFileRecreatedWithinASecond) {
     scene_t s(true);
     file_logger_impl_t* l = s.open("3z,1m", "banner");
-    // A second later; again (no minute to wait after a successful open); and
-    // with the clock set back an hour, which does not suspend the check.
+    // A second later; again (no minute to wait after a successful open); and with the clock set back an hour, which
+    // does not suspend the check.
     for (q_int64_t step : {k_tps, k_tps, -3600 * k_tps}) {
         ASSERT_EQ(std::remove(s.name.c_str()), 0);
         l->log_INFO("within the second");  // into the removed file
@@ -396,8 +394,8 @@ TEST(FileLoggerRecovery, RenameAndCompressionFailures) {
     scene_t s(true);
     std::string const first = name_of(s.name, 1, false), packed = name_of(s.name, 1, true);
     std::string const why = "because of Is a directory (errno=21)";
-    // The rotated name taken: the file kept with the failures in it, reported
-    // once; retried at the reopen gate's pace, quietly while that fails.
+    // The rotated name taken: the file kept with the failures in it, reported once; retried at the reopen gate's
+    // pace, quietly while that fails.
     ASSERT_EQ(mkdir(first.c_str(), 0755), 0);
     std::ofstream(first + "/x") << "x";
     file_logger_impl_t* l = s.open("2z,1k");
@@ -412,8 +410,8 @@ TEST(FileLoggerRecovery, RenameAndCompressionFailures) {
     want.insert(want.end(), {"[Logger] Logfile has grown over \"1k\" limit, rotating",
                              "[Logger] Unable to rename \"" + s.name + "\" to \"" + first + "\" " + why, "",
                              "[Logger] Old log file will not be compressed because of rename operation failed"});
-    // The failure; within the minute; a retry that fails; and with the name
-    // free again, 30 s after that retry, still within its minute.
+    // The failure; within the minute; a retry that fails; and with the name free again, 30 s after that retry, still
+    // within its minute.
     for (int step : {0, 59, 2, 30}) {
         if (step == 30) fs::remove_all(first);
         g_now += step * k_tps;
@@ -455,9 +453,8 @@ TEST(FileLoggerRecovery, RenameAndCompressionFailures) {
     EXPECT_EQ(kept(s.dir + "/p.log", 1, true), "");
 }
 
-// A log directory owned by nobody, who plants links to a file of root's:
-// refused at the first open, replaced by the file re-created after a loss
-// and by the compressed file. Root's own link is followed.
+// A log directory owned by nobody, who plants links to a file of root's: refused at the first open, replaced by the
+// file re-created after a loss and by the compressed file. Root's own link is followed.
 TEST(FileLoggerRecovery, OtherUsersLinksNeverWrittenThrough) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to give links to another user";
     scene_t s(true);
@@ -500,10 +497,9 @@ TEST(FileLoggerRecovery, OtherUsersLinksNeverWrittenThrough) {
     EXPECT_EQ(file_bodies(victim), (strings{"victim", "through root's link"}));
 }
 
-// No inode to spare, in a child on a private tmpfs: the rotation renames
-// the file but cannot make a new one; the file gets its name back and every
-// line, and a minute later the rotation goes ahead with all of them. The
-// name has 250 characters: the new file's temporary name is cut to fit.
+// No inode to spare, in a child on a private tmpfs: the rotation renames the file but cannot make a new one; the file
+// gets its name back and every line, and a minute later the rotation goes ahead with all of them. The name has 250
+// characters: the new file's temporary name is cut to fit.
 TEST(FileLoggerRecovery, RotationWithoutInodes) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to mount a private tmpfs";
     handler_t h;
@@ -532,8 +528,8 @@ TEST(FileLoggerRecovery, RotationWithoutInodes) {
     });
 }
 
-// The full disk, in a child with a private 256 KiB tmpfs. Answers 0, 77 when
-// no tmpfs could be mounted, or the number of the check that failed.
+// The full disk, in a child with a private 256 KiB tmpfs. Answers 0, 77 when no tmpfs could be mounted, or the number
+// of the check that failed.
 int full_disk_child(std::string const& mnt) {
     if (!test_support::private_mounts(mnt.c_str(), "size=256k")) return 77;
     std::string const name = mnt + "/agent.log", filler = mnt + "/filler";
@@ -554,11 +550,9 @@ int full_disk_child(std::string const& mnt) {
         if (exists(name_of(name, n, true)) && kept(name, n, true)[0] == '<') return 5;
     if (h.calls.size() != 1) return 6;
 
-    // Full again with room left only in the last page of the file (and no
-    // kept file whose overwriting would free one): the rotation's notice
-    // fits, the compression's .gz and its report into the new, empty file do
-    // not. The handler told of that throws on the compression thread, which
-    // must swallow it and keep the plain file.
+    // Full again with room left only in the last page of the file (and no kept file whose overwriting would free
+    // one): the rotation's notice fits, the compression's .gz and its report into the new, empty file do not. The
+    // handler told of that throws on the compression thread, which must swallow it and keep the plain file.
     for (unsigned n = 1; n < 4; ++n) std::remove(name_of(name, n, true).c_str());
     for (int k = 0; fs::file_size(name) < 16384; ++k) l.log_INFO("refill %d", k);
     std::ofstream(filler) << std::string(256 << 10, 'f');
@@ -578,8 +572,8 @@ TEST(FileLoggerRecovery, FullDirectoryReportsOnceAndResumes) {
     test_support::expect_child_ok([&] { return full_disk_child(s.dir); });  // the status holds the failed check
 }
 
-// Four threads write numbered lines through one logger rotating every 256 KiB with compression; every
-// line must be found exactly once, whole. QVLKERN_FULL_LOAD=1: 250,000 lines a thread.
+// Four threads write numbered lines through one logger rotating every 256 KiB with compression; every line must be
+// found exactly once, whole. QVLKERN_FULL_LOAD=1: 250,000 lines a thread.
 TEST(FileLoggerLoad, LosslessWhileRotatingAndCompressing) {
     char const* full = std::getenv("QVLKERN_FULL_LOAD");
     int const per_thread = full && std::strcmp(full, "1") == 0 ? 250000 : 20000;
@@ -614,9 +608,8 @@ TEST(FileLoggerLoad, LosslessWhileRotatingAndCompressing) {
     EXPECT_GE(gz_files, size_t(threads) * size_t(per_thread) * 58 / (256 * 1024) - 1);
 }
 
-// Writers, rotations, compressions reporting failures (.gz name taken) and
-// re-creations of a file that another thread keeps removing: lines are lost
-// by design; nothing may break, under the thread sanitizer too.
+// Writers, rotations, compressions reporting failures (.gz name taken) and re-creations of a file that another thread
+// keeps removing: lines are lost by design; nothing may break, under the thread sanitizer too.
 TEST(FileLoggerLoad, WritersRaceRemovalsRotationsAndCompressions) {
     scene_t s(true);
     ASSERT_EQ(mkdir(name_of(s.name, 1, true).c_str(), 0755), 0);

@@ -1,5 +1,5 @@
-// Tests of the logger interface, descriptor, syslog and chain loggers and
-// init_logger: memfds, pipes, child processes and a real syslog socket.
+// Tests of the logger interface, descriptor, syslog and chain loggers and init_logger: memfds, pipes, child processes
+// and a real syslog socket.
 #include "loggers.h"
 
 #include <poll.h>
@@ -129,8 +129,8 @@ TEST(LoggerLevels, NamesAcronymsAndFilter) {
     EXPECT_EQ(l.lines.size(), 1u);
 }
 
-// format_user has a fast path of its own: the general formatter is the
-// reference. The text is appended to one already there.
+// format_user has a fast path of its own: the general formatter is the reference. The text is appended to one already
+// there.
 #define EXPECT_SAME_TEXT(...)                                        \
     do {                                                             \
         std::string got("pre:"), want;                               \
@@ -283,18 +283,16 @@ TEST(FdLogger, WriteFailureReportedOnce) {
     close(p[0]), close(p[1]);
 }
 
-// Set in a forked child, whose leak check would take what its parent's
-// threads hold for lost: the leak checker asks this hook.
+// Set in a forked child, whose leak check would take what its parent's threads hold for lost: the leak checker asks
+// this hook.
 bool g_forked = false;
 extern "C" int __lsan_is_turned_off() { return g_forked; }
-// A child of a threaded parent starts threads (a compression), which
-// ThreadSanitizer allows only when told; and each of the hundred children
-// that end would sleep a second at exit.
+// A child of a threaded parent starts threads (a compression), which ThreadSanitizer allows only when told; and each
+// of the hundred children that end would sleep a second at exit.
 extern "C" char const* __tsan_default_options() { return "die_after_fork=0 atexit_sleep_ms=0"; }
 
-// Status of a forked child running f, which answers its exit status (given
-// to exit when ends, else to _exit); -1 when it is still running after a
-// minute, then killed.
+// Status of a forked child running f, which answers its exit status (given to exit when ends, else to _exit); -1 when
+// it is still running after a minute, then killed.
 int in_child(std::function<int()> const& f, bool ends = false) {
     pid_t const pid = fork();
     if (pid == 0) g_forked = true, ends ? exit(f()) : _exit(f());
@@ -313,9 +311,8 @@ bool sigpipe_pending() {
     return sigpending(&s) == 0 && sigismember(&s, SIGPIPE) == 1;
 }
 
-// A pipe or socket whose reader has gone: the failure reaches the handler,
-// from the main thread and from a light-weight process, and no SIGPIPE is
-// left to the process; one already pending from elsewhere stays.
+// A pipe or socket whose reader has gone: the failure reaches the handler, from the main thread and from a
+// light-weight process, and no SIGPIPE is left to the process; one already pending from elsewhere stays.
 TEST(FdLogger, DeadReaderRaisesNoSigpipe) {
     int const status = in_child([] {
         int p[2], s[2];
@@ -344,8 +341,8 @@ TEST(FdLogger, DeadReaderRaisesNoSigpipe) {
     EXPECT_EQ(status, 0);  // 141: killed by SIGPIPE
 }
 
-// Children forked while four threads log, list themselves and take a module name lock do the same and
-// end: no lock that a thread missing in the child held at the fork is left held there.
+// Children forked while four threads log, list themselves and take a module name lock do the same and end: no lock
+// that a thread missing in the child held at the fork is left held there.
 TEST(LoggerFork, ChildrenOfALoggingProcess) {
     memfile_t f;
     // Appending: the children share the file offset with the parent's threads.
@@ -379,8 +376,8 @@ TEST(LoggerFork, ChildrenOfALoggingProcess) {
               child);
 }
 
-// A fork while a compression runs: the child has none in flight, so its
-// logger rotates, compresses and closes as if it had never started one.
+// A fork while a compression runs: the child has none in flight, so its logger rotates, compresses and closes as if
+// it had never started one.
 TEST(LoggerFork, WhileCompressing) {
     test_support::temp_dir_t dir;
     if_logger_t* const l = file_logger_t::create((dir / "agent.log").c_str(), "3z,1k");

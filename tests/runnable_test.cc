@@ -110,8 +110,7 @@ TEST(Runnable, RegistrationOrderAndSingleMembership) {
     entry_t d;  // numbers are never reused
     EXPECT_EQ(first + 3, d.seq_id);
 
-    // A failing walker releases the guard; a registration that cannot take
-    // the guard is reported, not thrown.
+    // A failing walker releases the guard; a registration that cannot take the guard is reported, not thrown.
     EXPECT_THROW(runnable_t::enum_all([](runnable_t const&) { throw std::runtime_error("x"); }), std::runtime_error);
 #ifndef __SANITIZE_THREAD__  // which reports the guard's deliberate relock itself
     record_logger_t log(if_logger_t::FAULT);
@@ -127,10 +126,9 @@ TEST(Runnable, RegistrationOrderAndSingleMembership) {
 #endif
 }
 
-// An entry built with the default constructor pauses, through a base built
-// after its registry base, while it is built and while it is destroyed. Walks
-// made meanwhile must not reach it: its derived part is not alive (type() is
-// still pure while it is built). In a child, as a pure virtual call aborts.
+// An entry built with the default constructor pauses, through a base built after its registry base, while it is built
+// and while it is destroyed. Walks made meanwhile must not reach it: its derived part is not alive (type() is still
+// pure while it is built). In a child, as a pure virtual call aborts.
 TEST(Runnable, WalksNeverSeeHalfBuiltOrHalfDestroyedEntries) {
     struct pause_t {
         pause_t(event_t& r, event_t& g) : reached(r), go(g) { wait(); }
@@ -192,8 +190,8 @@ TEST(Runnable, ListingAndReport) {
     runnable_t::running_list(out);
     EXPECT_THAT(out, ElementsAre("kept", "test#001234/001240 \"my worker\"", "test#1234567/000007 plain"));
 
-    // A line is written once it has passed 64 characters with its ", ": the
-    // second holds exactly 64 before its third entry, the third 65.
+    // A line is written once it has passed 64 characters with its ", ": the second holds exactly 64 before its third
+    // entry, the third 65.
     auto text = [](int n) { return "test#000000/000000 " + std::string(static_cast<size_t>(n), 'n'); };
     std::vector<std::unique_ptr<entry_t>> more;
     for (int n : {1, 11, 11, 1, 11, 12, 1}) more.emplace_back(new entry_t(text(n).substr(19)));

@@ -26,9 +26,8 @@ static std::string thrown(std::function<void()> f) {
     return "(nothing thrown)";
 }
 
-// A reader arrives while a reader holds the lock and a writer waits: with
-// readers preferred it gets in at once, with writers preferred only after
-// the writer has come and gone. Then readers and writers hammer the lock.
+// A reader arrives while a reader holds the lock and a writer waits: with readers preferred it gets in at once, with
+// writers preferred only after the writer has come and gone. Then readers and writers hammer the lock.
 static void check_rwlock(bool writers_first) {
     rwlock_t rw;
     std::string order;  // written under rw itself
@@ -79,8 +78,8 @@ TEST(Syncers, MutexCountsExactlyBeyondTheSlotsAndReportsErrors) {
     q_uint64_t const c0 = d::mutex::ctor, dt0 = d::mutex::dtor, t0 = d::mutex::take, f0 = d::mutex::free;
     d::counter_t const snapshot = d::mutex::take;
     {
-        // More threads alive at once than there are counter slots, twice: the last ones share a slot,
-        // the second generation takes over slots the first gave back. Not a count may be lost.
+        // More threads alive at once than there are counter slots, twice: the last ones share a slot, the second
+        // generation takes over slots the first gave back. Not a count may be lost.
         mutex_t m;
         long inside = 0;  // counted under m: a lost exclusion loses updates
         int const threads = 160, rounds = 50;
@@ -203,8 +202,8 @@ TEST(Syncers, EventWakesOneWaiterPerSignal) {
     EXPECT_EQ(lost.load(), 0);
 }
 
-// A time-out that takes the deadline past the last tick waits for ever; one
-// that takes it before 1970 is over at once. Neither is an error.
+// A time-out that takes the deadline past the last tick waits for ever; one that takes it before 1970 is over at
+// once. Neither is an error.
 TEST(Syncers, FarTimeOutsSaturate) {
     event_t ev(false, false);
     semaphore_t sem(0);
@@ -263,8 +262,8 @@ TEST(Syncers, RwlockAndHolders) {
     m.unlock();
 }
 
-// QVLSRV_RWLOCK_READPREFERED is read at load, so a child with it present,
-// even empty, runs the reader and writer race with writers preferred.
+// QVLSRV_RWLOCK_READPREFERED is read at load, so a child with it present, even empty, runs the reader and writer race
+// with writers preferred.
 TEST(Syncers, WritersPreferredFromTheEnvironment) {
     if (!test_support::in_child({"QVLSRV_RWLOCK_READPREFERED="})) return;
     ASSERT_TRUE(rwlock_t::write_prefered);
@@ -293,9 +292,8 @@ TEST(Syncers, StatisticReport) {
 }
 
 #ifndef QVLKERN_SANITIZED
-// Every operator new of the process, library included, counted for the
-// calling thread (the sanitizers bring their own allocator, so not there).
-// GCC sees the malloc/free pairs inlined into new/delete pairs and warns.
+// Every operator new of the process, library included, counted for the calling thread (the sanitizers bring their own
+// allocator, so not there). GCC sees the malloc/free pairs inlined into new/delete pairs and warns.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 static thread_local long t_news = 0;
