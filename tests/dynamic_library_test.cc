@@ -187,11 +187,9 @@ TEST_F(dynalib, debug_messages_tell_the_cache_story) {
     }
 }
 
-// Many threads open the same and different modules at once: all handles on a name share one image (a second load
-// would keep its own). Then threads open, use and release modules while another flushes idle ones with no time to
-// live at all: a module must never go while a handle holds it (calling into it would then crash), and nothing leaks
-// or races. Each worker waits now and then, holding its handles, for a whole flush to pass, so flushes overlap the
-// work however the threads are scheduled.
+// Threads open the same and other modules at once: one image a name. Then they use and release modules while another
+// flushes idle ones with no time to live: none may go while a handle holds it. Each worker waits now and then, holding
+// its handles, for a whole flush to pass, so flushes overlap the work however the threads are scheduled.
 TEST_F(dynalib, concurrent_opens_and_flushes) {
     using test_support::on_threads;
     std::vector<std::string> libs{"qvlplug_nosig", "qvlplug_sig"};
