@@ -283,10 +283,10 @@ TEST(Syncers, StatisticReport) {
             " existing, " + n(mutex::take - mutex::free) + " locked now",
         "3 [Sync] Condvar: " + n(condvar::ctor - condvar::dtor) + " existing; " + n(condvar::ctor) + " total, " +
             n(condvar::free) + " signals, " + n(condvar::take) + " waits",
-        "3 [Sync] Event: " + n(event::ctor - event::dtor) + " existing; " + n(event::ctor) + " total, " + n(event::free) +
-            " signals, " + n(event::take) + " waits",
-        "3 [Sync] Semaphore: " + n(semaphore::ctor - semaphore::dtor) + " existing; " + n(semaphore::ctor) + " total, " +
-            n(semaphore::free) + " posts, " + n(semaphore::take) + " waits",
+        "3 [Sync] Event: " + n(event::ctor - event::dtor) + " existing; " + n(event::ctor) + " total, " +
+            n(event::free) + " signals, " + n(event::take) + " waits",
+        "3 [Sync] Semaphore: " + n(semaphore::ctor - semaphore::dtor) + " existing; " + n(semaphore::ctor) +
+            " total, " + n(semaphore::free) + " posts, " + n(semaphore::take) + " waits",
         "3 [Sync] R/W Lock: " + n(rwlock::ctor - rwlock::dtor) + " existing; " + n(rwlock::ctor) + " total, " +
             n(rwlock::free) + " signals, " + n(rwlock::stake) + " s-waits, " + n(rwlock::xtake) + " x-waits"}));
 }
