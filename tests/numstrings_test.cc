@@ -1,6 +1,4 @@
-// Tests of the number readers: the decimal scanner through every named entry
-// point, the strtol-based converter behind lstr_t::toi and friends, the
-// hexadecimal reader and the out-of-range helper.
+// The number readers: the decimal scanner, the strtol-based lstr_t::toi family, hexadecimal, out-of-range.
 #include "numstrings.h"
 
 #include <gmock/gmock.h>

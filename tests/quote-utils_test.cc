@@ -1,5 +1,4 @@
-// Tests of the quoted-string format: exact texts both ways, round trips of random
-// bytes against a byte-at-a-time writer, the size function and the counters.
+// The quoted-string format: exact texts, random round trips against a byte-at-a-time writer, the counters.
 #include "quote-utils.h"
 
 #include <gtest/gtest.h>
