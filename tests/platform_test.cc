@@ -42,7 +42,8 @@ TEST(platform, kernel_version_numbers_and_comparison) {
         EXPECT_EQ(running[i], platform_base_t::release_number(i));
     }
     struct { unsigned kernel[3]; bool at_least_2_6_22; } const kernels[] = {
-        {{2, 6, 22}, true}, {{2, 6, 21}, false}, {{2, 7, 0}, true}, {{2, 5, 99}, false}, {{3, 0, 0}, true}, {{1, 99, 99}, false},
+        {{2, 6, 22}, true}, {{2, 6, 21}, false}, {{2, 7, 0}, true},
+        {{2, 5, 99}, false}, {{3, 0, 0}, true}, {{1, 99, 99}, false},
     };
     for (auto const& k : kernels) {
         platform_linux_version_1 = k.kernel[0];

@@ -101,7 +101,8 @@ TEST(TimeStamp, NowEpochAndCalendarAgainstReferences) {
         int const last = mlen[m - 1] + (m == 2 && ((y % 4 == 0 && y % 100 != 0) || y % 400 == 0));
         if (d <= 1 || d >= last - 1 || day % 997 == 0) {
             int const sec = static_cast<int>((day * 7919) % 86400);
-            timestamp_t const t = make(y, m, d, sec / 3600, sec / 60 % 60, sec % 60), ms = t + timegap_t(day % 1000, -3);
+            timestamp_t const t = make(y, m, d, sec / 3600, sec / 60 % 60, sec % 60);
+            timestamp_t const ms = t + timegap_t(day % 1000, -3);
             timestamp_t::dateparts_t p{};
             t.date(p);
             char want[64];

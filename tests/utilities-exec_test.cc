@@ -83,7 +83,8 @@ int raise_open_files_limit() {
 TEST(execute, statuses_words_and_path_search) {
     temp_dir_t dir;
     std::string const args = dir.file("args.sh", "#!/bin/sh\nprintf '%s|%s|' \"$0\" $# > " + dir.path +
-                                                     "/args.out\nprintf '<%s>' \"$@\" >> " + dir.path + "/args.out\n", 0755);
+                                                     "/args.out\nprintf '<%s>' \"$@\" >> " + dir.path + "/args.out\n",
+                                      0755);
     dir.file("plain", "echo plain > " + dir.path + "/plain.out\nexit 4\n", 0755);  // no "#!": run by /bin/sh
     dir.file("term.sh", "kill -TERM $$\n", 0755);
     dir.file("kill.sh", "kill -KILL $$\n", 0755);
