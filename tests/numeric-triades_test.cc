@@ -1,6 +1,4 @@
-// Tests of the number formatters: decimal texts of every integer type (string
-// and buffer forms) against std::to_chars, hexadecimal and pointer texts,
-// digit grouping, size texts and the append operators.
+// The number formatters against std::to_chars; hexadecimal, pointer, grouped and size texts; appending.
 #include "numeric-triades.h"
 
 #include <gtest/gtest.h>
@@ -43,9 +41,7 @@ void check_value(T v) {
     }
 }
 
-// Boundaries, powers of ten around each digit-count change (and their
-// negations), and random values of every bit width, so that short values are
-// as frequent as long ones.
+// Boundaries, powers of ten around each digit-count change and their negations, random values of every width.
 template <typename... T>
 void check_types(std::mt19937_64& rng) {
     ([&rng] {
@@ -59,7 +55,7 @@ void check_types(std::mt19937_64& rng) {
                 check_value(static_cast<T>(-v));
             }
         }
-        for (int i = 0; i < 20000 && !::testing::Test::HasFailure(); ++i)
+        for (int i = 0; i < 2000 && !::testing::Test::HasFailure(); ++i)
             check_value(static_cast<T>(rng() >> (rng() % 64)));
     }(), ...);
 }

@@ -1,6 +1,4 @@
-// Tests of the number readers: the decimal scanner through every named entry
-// point, the strtol-based converter behind lstr_t::toi and friends, the
-// hexadecimal reader and the out-of-range helper.
+// The number readers: the decimal scanner, the strtol-based lstr_t::toi family, hexadecimal, out-of-range.
 #include "numstrings.h"
 
 #include <gmock/gmock.h>
@@ -80,8 +78,8 @@ TEST(NumStrings, EmptyInputSignsAndStrayBytes) {
     EXPECT_EQ(4294967291u, kern_n::string_to_number<unsigned int>("-5", true, true));
 
     // Any stray byte is found at its exact position whatever the run around it.
-    for (unsigned char bad : {0x00, 0x2f, 0x3a, 0x40, 0x7f, 0xc0, 0xfa, 0xff})
-        for (int len = 1; len <= 19; ++len)
+    for (unsigned char bad : {0x00, 0x2f, 0x3a, 0xff})
+        for (int len : {1, 2, 8, 9, 16, 17, 19})
             for (int pos = 0; pos < len; ++pos) {
                 std::string text(static_cast<unsigned long>(len), '7');
                 text[static_cast<unsigned long>(pos)] = static_cast<char>(bad);
@@ -141,7 +139,7 @@ TEST(NumStrings, FractionExponentAndOverflow) {
 // Plain decimal integers of every width and length agree with from_chars.
 template <typename T>
 void agree_with_from_chars(std::mt19937_64& rng, std::initializer_list<reader_t> readers) {
-    for (int i = 0; i < 20000; ++i) {
+    for (int i = 0; i < 2000; ++i) {
         T const v = static_cast<T>(rng());
         std::string const text = std::to_string(v).substr(0, 1 + rng() % 20 + (v < 0 ? 1 : 0));
         T expected{};

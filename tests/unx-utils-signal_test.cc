@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,8 +33,8 @@ struct child_t {
 };
 
 // Runs body in a child whose standard error is read back; started(pid) runs in the parent once the
-// child has written its first byte to the readiness pipe (descriptor 3 in the child), or at once when
-// started is empty. Waits on the child's output and exit, never longer than limit_ms in all.
+// child has written its first byte to the readiness pipe (descriptor 3 in the child). The child's
+// standard error ends with it (no body closes it); past limit_ms in all, the child is killed.
 child_t run_child(std::function<void()> body, std::function<void(pid_t)> started = {}, int limit_ms = 60000) {
     int err[2], ready[2];
     EXPECT_EQ(pipe2(err, O_CLOEXEC), 0);
@@ -52,35 +51,23 @@ child_t run_child(std::function<void()> body, std::function<void(pid_t)> started
     close(err[1]);
     close(ready[1]);
     child_t c{true, 0, ""};
-    int const pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
     long const start = static_cast<long>(time(nullptr));
-    bool err_open = true, ready_open = true, exited = false;
-    while (err_open || !exited) {
-        struct pollfd p[3] = {{err_open ? err[0] : -1, POLLIN, 0}, {exited ? -1 : pidfd, POLLIN, 0},
-                              {ready_open ? ready[0] : -1, POLLIN, 0}};
+    for (bool ready_open = true, err_open = true; err_open;) {
+        struct pollfd p[2] = {{err[0], POLLIN, 0}, {ready_open ? ready[0] : -1, POLLIN, 0}};
         int const left = limit_ms - static_cast<int>((time(nullptr) - start) * 1000);
-        int const rc = left > 0 ? poll(p, 3, left) : 0;
+        int const rc = left > 0 ? poll(p, 2, left) : 0;
         if (rc == 0) {
             c.finished = false;
             kill(pid, SIGKILL);
             break;
         }
-        if (rc < 0) continue;
         char buf[4096];
-        if (p[0].revents) {
-            ssize_t const n = read(err[0], buf, sizeof buf);
-            if (n > 0) c.err.append(buf, static_cast<size_t>(n));
-            else err_open = false;
-        }
-        if (p[2].revents) {
-            ssize_t const n = read(ready[0], buf, 1);
-            if (n > 0 && started) started(pid);
-            if (n <= 0) ready_open = false;
-        }
-        if (p[1].revents) exited = true;
+        ssize_t n;
+        if (rc > 0 && p[1].revents && (ready_open = read(ready[0], buf, 1) > 0) && started) started(pid);
+        if (rc > 0 && p[0].revents && (err_open = (n = read(err[0], buf, sizeof buf)) > 0))
+            c.err.append(buf, static_cast<size_t>(n));
     }
     while (waitpid(pid, &c.status, 0) < 0 && errno == EINTR) continue;
-    close(pidfd);
     close(err[0]);
     close(ready[0]);
     return c;
