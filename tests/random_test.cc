@@ -133,7 +133,7 @@ TEST(Uuid, KernelFileByDefaultLeavesNoDescriptor) {
     EXPECT_STRNE(a, b);
     // Each identifier and each seeding opens a file: none stays open.
     int const before = test_support::open_fds();
-    for (int i = 0; i < 1000; ++i) get_uuid(a), random_t();
+    for (int i = 0; i < 10000; ++i) get_uuid(a), random_t();
     EXPECT_EQ(test_support::open_fds(), before);
 }
 
@@ -190,11 +190,11 @@ TEST(Uuid, UnreadableFileFallsBackAndLogsTenTimes) {
     EXPECT_EQ(lines, want) << text;
 }
 
-// Eight threads draw 20,000 internal identifiers each: all differ. A forked
+// Eight threads draw 100,000 internal identifiers each: all differ. A forked
 // child draws with its own process id in the node.
 TEST(Uuid, InternalIdentifiersAreUnique) {
     kern::uuid::use_internal_generator = true;
-    int const threads = 8, per = 20000;
+    int const threads = 8, per = 100000;
     std::vector<std::array<char, 37>> ids(std::size_t(threads) * per);
     std::vector<std::thread> ts;
     for (int t = 0; t < threads; ++t)
