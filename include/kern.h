@@ -19,6 +19,7 @@
 #include "syncers.h"
 #include "time-objs.h"
 #include "unicode.h"
+#include "unx-utils-alloc.h"
 #include "unx-utils.h"
 #include "utilities.h"
 

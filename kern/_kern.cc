@@ -30,6 +30,7 @@
 #include "runnable.h"
 #include "syncers.h"
 #include "unicode.h"
+#include "unx-utils-alloc.h"
 #include "unx-utils.h"
 
 namespace {
@@ -132,10 +133,40 @@ std::string unxs_n::unx_sec_group;
 
 // (random seed guard, platform description, random counters, system
 // random source, UUID state and time zone, fatal-signal
-// guard and allocation counters go here. The run-time statistics mode and
+// guard go here. The run-time statistics mode and
 // the quotation counters are plain zero-initialised values defined beside
 // their code: they need no construction, so their place in the order is
 // only nominal.)
+
+// Allocation counters and the size histogram; constructing one clears what
+// the wrappers counted while the process was being loaded.
+namespace kern {
+namespace alloc {
+namespace stat {
+namespace d = kern::syncers::detail;
+namespace malloc {
+counter_t calls(d::alloc_malloc_calls), size(d::alloc_malloc_size), time(d::alloc_malloc_time);
+}
+namespace realloc {
+counter_t calls(d::alloc_realloc_calls), time(d::alloc_realloc_time);
+}
+namespace memalign {
+counter_t calls(d::alloc_memalign_calls), size(d::alloc_memalign_size), time(d::alloc_memalign_time);
+}
+namespace free {
+counter_t calls(d::alloc_free_calls), size(d::alloc_free_size), time(d::alloc_free_time);
+}
+namespace sizes {
+#define QVL_BUCKET(i) counter_t(d::counter_id_t(d::alloc_bucket_0 + (i)))
+#define QVL_BUCKETS(i) QVL_BUCKET(i), QVL_BUCKET(i + 1), QVL_BUCKET(i + 2), QVL_BUCKET(i + 3)
+counter_t malloc[32] = {QVL_BUCKETS(0),  QVL_BUCKETS(4),  QVL_BUCKETS(8),  QVL_BUCKETS(12),
+                        QVL_BUCKETS(16), QVL_BUCKETS(20), QVL_BUCKETS(24), QVL_BUCKETS(28)};
+#undef QVL_BUCKETS
+#undef QVL_BUCKET
+}  // namespace sizes
+}  // namespace stat
+}  // namespace alloc
+}  // namespace kern
 
 // What runnable_t::sleep waits on; nothing signals it.
 event_t kern_runnable_sleep_event(false, false);
