@@ -83,8 +83,8 @@
 //    "linux_print_malloc_info_parent faild because of <text>".
 //  - When the functions found are the C library's own, the usable size is
 //    read from its chunk header instead of calling malloc_usable_size, once
-//    both ways have agreed on a few blocks at the first malloc; it is the
-//    larger part of the wrappers' cost otherwise.
+//    both ways have agreed on a few blocks at the first call; the call
+//    would be the larger part of the wrappers' cost.
 //  - When malloc itself cannot be found, the loader cannot allocate its
 //    error text either, and the fatal message says what the loader then
 //    reports ("out of memory" with the GNU C library).

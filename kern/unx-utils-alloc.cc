@@ -123,18 +123,26 @@ inline fn_t real(std::atomic<fn_t>& cache) noexcept {
 // (16 less). Any other allocator is asked through malloc_usable_size.
 
 extern "C" void* __libc_malloc(std::size_t) noexcept;
+extern "C" void* __libc_realloc(void*, std::size_t) noexcept;
+extern "C" void* __libc_memalign(std::size_t, std::size_t) noexcept;
 extern "C" void __libc_free(void*) noexcept;
 
-std::atomic<bool> s_read_headers;
+// The real functions again, set only once their headers are known to tell
+// the usable sizes (null for good with another allocator): the wrappers'
+// short way, taken on one load and one test while statistics are off.
+std::atomic<malloc_fn> s_fast_malloc;
+std::atomic<realloc_fn> s_fast_realloc;
+std::atomic<memalign_fn> s_fast_memalign;
+std::atomic<free_fn> s_fast_free;
 
 inline std::size_t header_size(void const* p) noexcept {
     std::size_t const field = static_cast<std::size_t const*>(p)[-1];
     return (field & ~std::size_t(7)) - 8 - ((field & 2) << 2);
 }
 
+template <bool headers>
 inline std::size_t usable_size(void* p) noexcept {
-    return __builtin_expect(s_read_headers.load(std::memory_order_relaxed), 1) ? header_size(p)
-                                                                               : malloc_usable_size(p);
+    return headers ? header_size(p) : malloc_usable_size(p);
 }
 
 // Once the functions are found: compares the two ways on blocks of the heap
@@ -142,17 +150,24 @@ inline std::size_t usable_size(void* p) noexcept {
 // through the real functions, so that nothing is counted.
 void learn_headers() noexcept {
     malloc_fn const m = s_malloc.load(std::memory_order_relaxed);
+    realloc_fn const r = s_realloc.load(std::memory_order_relaxed);
+    memalign_fn const a = s_memalign.load(std::memory_order_relaxed);
     free_fn const f = s_free.load(std::memory_order_relaxed);
-    if (m != &__libc_malloc || f != &__libc_free) return;
-    bool agree = true;
+    if (m != &__libc_malloc || r != &__libc_realloc || a != &__libc_memalign || f != &__libc_free) return;
     for (std::size_t size : {1, 24, 100, 1000, 300000}) {
         void* const p = m(size);
         if (!p) continue;
-        agree = agree && header_size(p) == malloc_usable_size(p);
+        bool const agree = header_size(p) == malloc_usable_size(p);
         f(p);
+        if (!agree) return;
     }
-    s_read_headers.store(agree, std::memory_order_relaxed);
+    s_fast_malloc.store(m, std::memory_order_relaxed);
+    s_fast_realloc.store(r, std::memory_order_relaxed);
+    s_fast_memalign.store(a, std::memory_order_relaxed);
+    s_fast_free.store(f, std::memory_order_relaxed);
 }
+
+inline bool headers_known() noexcept { return s_fast_free.load(std::memory_order_relaxed) != nullptr; }
 
 // --- counting --------------------------------------------------------------------
 
@@ -163,12 +178,15 @@ inline void count_size(std::size_t size) noexcept {
     sd::add(static_cast<sd::counter_id_t>(sd::alloc_bucket_0 + i), 1);
 }
 
-// The statistics of one call while they are on: its time on the clock the
-// mode names, added when positive.
+// The time of one call while statistics are on, on the clock the mode
+// names, added when positive; nothing while they are off.
 class timing_t {
 public:
-    explicit timing_t(rs::mode_t mode) noexcept : mode_(mode), start_(cpu_time_sum_t::thread_cpu_time(mode)) {}
+    explicit timing_t(rs::mode_t mode) noexcept
+        : mode_(mode), start_(mode != 0 ? cpu_time_sum_t::thread_cpu_time(mode) : 0) {}
+    bool on() const noexcept { return mode_ != 0; }
     void add_to(sd::counter_id_t id) const noexcept {
+        if (mode_ == 0) return;
         q_uint64_t const end = cpu_time_sum_t::thread_cpu_time(mode_);
         if (end > start_) sd::add(id, end - start_);
     }
@@ -178,6 +196,14 @@ private:
     q_uint64_t const start_;
 };
 
+// A thread's first count, or one without a slot of its own; out of line,
+// keeping the wrappers' short way short.
+__attribute__((cold, noinline)) void count_call_slow(sd::counter_id_t calls, sd::counter_id_t size_id,
+                                                     std::size_t size) noexcept {
+    sd::add_slow(calls, 1);
+    sd::add_slow(size_id, size);
+}
+
 // Adds one call and a size: one look at the thread's cells for both.
 __attribute__((always_inline)) inline void count_call(sd::counter_id_t calls, sd::counter_id_t size_id,
                                                       std::size_t size) noexcept {
@@ -186,107 +212,128 @@ __attribute__((always_inline)) inline void count_call(sd::counter_id_t calls, sd
         cells[calls].store(cells[calls].load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
         cells[size_id].store(cells[size_id].load(std::memory_order_relaxed) + size, std::memory_order_relaxed);
     } else {
-        sd::add_slow(calls, 1);
-        sd::add_slow(size_id, size);
+        count_call_slow(calls, size_id, size);
     }
 }
 
-// The bodies, with the histogram when on. Inline in the plain wrappers;
-// the timed paths are kept out of line so that the plain ones stay short.
-// A call is counted together with its size once the real function has
+// The bodies, for a known real function, with the histogram when on. A
+// call is counted together with its size once the real function has
 // answered: nothing can look at the counters in between.
-__attribute__((always_inline)) inline void* malloc_body(std::size_t size, bool on) noexcept {
-    malloc_fn const fn = real(s_malloc);
-    if (__builtin_expect(fn == nullptr, 0)) return nullptr;
+template <bool headers>
+__attribute__((always_inline)) inline void* malloc_via(malloc_fn fn, std::size_t size, bool on) noexcept {
     void* const p = fn(size);
-    std::size_t const usable = __builtin_expect(p != nullptr, 1) ? usable_size(p) : 0;
+    std::size_t const usable = __builtin_expect(p != nullptr, 1) ? usable_size<headers>(p) : 0;
     count_call(sd::alloc_malloc_calls, sd::alloc_malloc_size, usable);
     if (on && p) count_size(usable);
     return p;
 }
 
-__attribute__((always_inline)) inline void* calloc_body(malloc_fn fn, std::size_t count, std::size_t size,
-                                                        bool on) noexcept {
+template <bool headers>
+__attribute__((always_inline)) inline void* calloc_via(malloc_fn fn, std::size_t count, std::size_t size,
+                                                       bool on) noexcept {
     std::size_t bytes;
     if (__builtin_mul_overflow(count, size, &bytes)) {
         sd::count(sd::alloc_malloc_calls);
         errno = ENOMEM;
         return nullptr;
     }
-    void* const p = fn(bytes);
-    std::size_t const usable = p ? usable_size(p) : 0;
-    count_call(sd::alloc_malloc_calls, sd::alloc_malloc_size, usable);
-    if (p) {
-        if (on) count_size(usable);
-        std::memset(p, 0, bytes);
-    }
+    void* const p = malloc_via<headers>(fn, bytes, on);
+    if (p) std::memset(p, 0, bytes);
     return p;
 }
 
-__attribute__((always_inline)) inline void* realloc_body(void* old, std::size_t size, bool on) noexcept {
-    realloc_fn const fn = real(s_realloc);
-    if (__builtin_expect(fn == nullptr, 0)) return nullptr;
+template <bool headers>
+__attribute__((always_inline)) inline void* realloc_via(realloc_fn fn, void* old, std::size_t size,
+                                                        bool on) noexcept {
     // The old block's size before it may be gone.
-    count_call(sd::alloc_realloc_calls, sd::alloc_free_size, old ? usable_size(old) : 0);
+    count_call(sd::alloc_realloc_calls, sd::alloc_free_size, old ? usable_size<headers>(old) : 0);
     void* const p = fn(old, size);
     if (p) {
-        sd::add(sd::alloc_malloc_size, usable_size(p));
+        sd::add(sd::alloc_malloc_size, usable_size<headers>(p));
         if (on) count_size(size);  // by the size asked for, unlike the others
     }
     return p;
 }
 
-__attribute__((always_inline)) inline void* memalign_body(std::size_t alignment, std::size_t size, bool on) noexcept {
-    memalign_fn const fn = real(s_memalign);
-    if (__builtin_expect(fn == nullptr, 0)) return nullptr;
+template <bool headers>
+__attribute__((always_inline)) inline void* memalign_via(memalign_fn fn, std::size_t alignment, std::size_t size,
+                                                         bool on) noexcept {
     void* const p = fn(alignment, size);
-    std::size_t const usable = p ? usable_size(p) : 0;
+    std::size_t const usable = p ? usable_size<headers>(p) : 0;
     count_call(sd::alloc_memalign_calls, sd::alloc_memalign_size, usable);
     if (on && p) count_size(usable);
     return p;
 }
 
-__attribute__((always_inline)) inline void free_body(void* p) noexcept {
-    free_fn const fn = real(s_free);
-    if (__builtin_expect(fn == nullptr, 0)) return;
-    count_call(sd::alloc_free_calls, sd::alloc_free_size, __builtin_expect(p != nullptr, 1) ? usable_size(p) : 0);
+template <bool headers>
+__attribute__((always_inline)) inline void free_via(free_fn fn, void* p) noexcept {
+    count_call(sd::alloc_free_calls, sd::alloc_free_size,
+               __builtin_expect(p != nullptr, 1) ? usable_size<headers>(p) : 0);
     fn(p);
 }
 
-__attribute__((cold, noinline)) void* malloc_timed(std::size_t size, rs::mode_t mode) noexcept {
-    timing_t const t(mode);
-    void* const p = malloc_body(size, true);
+// The long ways: statistics on, the functions not yet found, or another
+// allocator. Each starts its clock (when statistics are on), finds its real
+// function, runs the body and adds the time.
+__attribute__((cold, noinline)) void* malloc_long(std::size_t size) noexcept {
+    timing_t const t(rs::mode_s_);
+    malloc_fn const fn = real(s_malloc);
+    if (!fn) return nullptr;
+    void* const p = headers_known() ? malloc_via<true>(fn, size, t.on()) : malloc_via<false>(fn, size, t.on());
     t.add_to(sd::alloc_malloc_time);
     return p;
 }
 
-__attribute__((cold, noinline)) void* calloc_timed(malloc_fn fn, std::size_t count, std::size_t size,
-                                                   rs::mode_t mode) noexcept {
-    timing_t const t(mode);
-    void* const p = calloc_body(fn, count, size, true);
+__attribute__((cold, noinline)) void* calloc_long(std::size_t count, std::size_t size) noexcept {
+    // Until malloc has found the C library's: null, counting nothing (the
+    // dynamic loader asks for zeroed memory while it looks names up).
+    malloc_fn const fn = s_malloc.load(std::memory_order_relaxed);
+    if (!fn) return nullptr;
+    timing_t const t(rs::mode_s_);
+    void* const p = headers_known() ? calloc_via<true>(fn, count, size, t.on())
+                                    : calloc_via<false>(fn, count, size, t.on());
     t.add_to(sd::alloc_malloc_time);
     return p;
 }
 
-__attribute__((cold, noinline)) void* realloc_timed(void* old, std::size_t size, rs::mode_t mode) noexcept {
-    timing_t const t(mode);
-    void* const p = realloc_body(old, size, true);
+__attribute__((cold, noinline)) void* realloc_long(void* old, std::size_t size) noexcept {
+    timing_t const t(rs::mode_s_);
+    realloc_fn const fn = real(s_realloc);
+    if (!fn) return nullptr;
+    void* const p = headers_known() ? realloc_via<true>(fn, old, size, t.on())
+                                    : realloc_via<false>(fn, old, size, t.on());
     t.add_to(sd::alloc_realloc_time);
     return p;
 }
 
-__attribute__((cold, noinline)) void* memalign_timed(std::size_t alignment, std::size_t size,
-                                                     rs::mode_t mode) noexcept {
-    timing_t const t(mode);
-    void* const p = memalign_body(alignment, size, true);
+__attribute__((cold, noinline)) void* memalign_long(std::size_t alignment, std::size_t size) noexcept {
+    timing_t const t(rs::mode_s_);
+    memalign_fn const fn = real(s_memalign);
+    if (!fn) return nullptr;
+    void* const p = headers_known() ? memalign_via<true>(fn, alignment, size, t.on())
+                                    : memalign_via<false>(fn, alignment, size, t.on());
     t.add_to(sd::alloc_memalign_time);
     return p;
 }
 
-__attribute__((cold, noinline)) void free_timed(void* p, rs::mode_t mode) noexcept {
-    timing_t const t(mode);
-    free_body(p);
+__attribute__((cold, noinline)) void free_long(void* p) noexcept {
+    timing_t const t(rs::mode_s_);
+    free_fn const fn = real(s_free);
+    if (!fn) return;
+    if (headers_known()) {
+        free_via<true>(fn, p);
+    } else {
+        free_via<false>(fn, p);
+    }
     t.add_to(sd::alloc_free_time);
+}
+
+// The short way's test: the real function with headers known, and
+// statistics off.
+template <class fn_t>
+inline fn_t short_way(std::atomic<fn_t>& fast) noexcept {
+    fn_t const fn = fast.load(std::memory_order_relaxed);
+    return __builtin_expect(fn != nullptr && rs::mode_s_ == 0, 1) ? fn : nullptr;
 }
 
 }  // namespace
@@ -296,37 +343,28 @@ __attribute__((cold, noinline)) void free_timed(void* p, rs::mode_t mode) noexce
 extern "C" {
 
 QVL_API void* malloc(std::size_t size) noexcept {
-    rs::mode_t const mode = rs::mode_s_;
-    if (__builtin_expect(mode != 0, 0)) return malloc_timed(size, mode);
-    return malloc_body(size, false);
+    if (malloc_fn const fn = short_way(s_fast_malloc)) return malloc_via<true>(fn, size, false);
+    return malloc_long(size);
 }
 
 QVL_API void* calloc(std::size_t count, std::size_t size) noexcept {
-    // Until malloc has found the C library's: null, counting nothing (the
-    // dynamic loader asks for zeroed memory while it looks names up).
-    malloc_fn const fn = s_malloc.load(std::memory_order_relaxed);
-    if (__builtin_expect(fn == nullptr, 0)) return nullptr;
-    rs::mode_t const mode = rs::mode_s_;
-    if (__builtin_expect(mode != 0, 0)) return calloc_timed(fn, count, size, mode);
-    return calloc_body(fn, count, size, false);
+    if (malloc_fn const fn = short_way(s_fast_malloc)) return calloc_via<true>(fn, count, size, false);
+    return calloc_long(count, size);
 }
 
 QVL_API void* realloc(void* old, std::size_t size) noexcept {
-    rs::mode_t const mode = rs::mode_s_;
-    if (__builtin_expect(mode != 0, 0)) return realloc_timed(old, size, mode);
-    return realloc_body(old, size, false);
+    if (realloc_fn const fn = short_way(s_fast_realloc)) return realloc_via<true>(fn, old, size, false);
+    return realloc_long(old, size);
 }
 
 QVL_API void* memalign(std::size_t alignment, std::size_t size) noexcept {
-    rs::mode_t const mode = rs::mode_s_;
-    if (__builtin_expect(mode != 0, 0)) return memalign_timed(alignment, size, mode);
-    return memalign_body(alignment, size, false);
+    if (memalign_fn const fn = short_way(s_fast_memalign)) return memalign_via<true>(fn, alignment, size, false);
+    return memalign_long(alignment, size);
 }
 
 QVL_API void free(void* p) noexcept {
-    rs::mode_t const mode = rs::mode_s_;
-    if (__builtin_expect(mode != 0, 0)) return free_timed(p, mode);
-    free_body(p);
+    if (free_fn const fn = short_way(s_fast_free)) return free_via<true>(fn, p);
+    free_long(p);
 }
 
 }  // extern "C"
