@@ -384,6 +384,20 @@ void load_modules() {
     std::printf("  after the time to live: modules cached: %u\n", cached());
 }
 
+// Every malloc and free of the process went through the library's counters.
+void show_allocations() {
+    namespace as = kern::alloc::stat;
+    if (!kern::alloc::wrapped()) {
+        std::printf("\nallocations: not counted (built without the allocation wrappers)\n");
+        return;
+    }
+    typedef unsigned long long ull;
+    std::printf("\nallocations: %llu malloc, %llu realloc, %llu memalign, %llu free; %s handed out, %s given back\n",
+                ull(as::malloc::calls), ull(as::realloc::calls), ull(as::memalign::calls), ull(as::free::calls),
+                kilobytes(as::malloc::size + as::memalign::size, true).c_str(),
+                kilobytes(as::free::size, true).c_str());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -422,6 +436,7 @@ int main(int argc, char** argv) {
     run_commands();
     load_modules();
     log_syncers_stat();
+    show_allocations();
     if (g_file_log) {
         chain_logger_t::remove(g_file_log);  // the chain hands the logger back
         delete g_file_log;

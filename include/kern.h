@@ -23,6 +23,7 @@
 #include "syncers.h"
 #include "time-objs.h"
 #include "unicode.h"
+#include "unx-utils-alloc.h"
 #include "unx-utils-signal.h"
 #include "unx-utils.h"
 #include "utilities-exec.h"

@@ -64,14 +64,21 @@ namespace kern {
 namespace syncers {
 namespace detail {
 
-// Identifies a counter in the per-thread slots.
+// Identifies a counter in the per-thread slots. The allocation wrappers'
+// counters (unx-utils-alloc.h) live in the same slots, so that a thread
+// writes one block of its own for both.
 enum counter_id_t : unsigned {
     mutex_ctor, mutex_dtor, mutex_take, mutex_free,
     event_ctor, event_dtor, event_take, event_free,
     semaphore_ctor, semaphore_dtor, semaphore_take, semaphore_free,
     condvar_ctor, condvar_dtor, condvar_take, condvar_free,
     rwlock_ctor, rwlock_dtor, rwlock_stake, rwlock_xtake, rwlock_free,
-    counter_count
+    alloc_malloc_calls, alloc_malloc_size, alloc_malloc_time,
+    alloc_realloc_calls, alloc_realloc_time,
+    alloc_memalign_calls, alloc_memalign_size, alloc_memalign_time,
+    alloc_free_calls, alloc_free_size, alloc_free_time,
+    alloc_bucket_0,  // then the 31 other buckets of the allocation sizes
+    counter_count = alloc_bucket_0 + 32
 };
 
 // The calling thread's own counter cells, indexed by counter_id_t; null
@@ -79,20 +86,22 @@ enum counter_id_t : unsigned {
 // own. Only the owning thread writes them.
 extern QVL_API __thread std::atomic<q_uint64_t>* thread_cells __attribute__((tls_model("initial-exec")));
 
-// Claims the thread's slot on first use, or counts through the shared slot.
-QVL_API void count_slow(counter_id_t id) noexcept;
+// Claims the thread's slot on first use, or adds through the shared slot.
+QVL_API void add_slow(counter_id_t id, q_uint64_t n) noexcept;
 
-// Adds one to a counter: a plain load and store in the thread's own cache
+// Adds n to a counter: a plain load and store in the thread's own cache
 // line, no locked instruction. Inline so that a lock costs one call, the
 // POSIX one.
-inline void count(counter_id_t id) noexcept {
+inline void add(counter_id_t id, q_uint64_t n) noexcept {
     std::atomic<q_uint64_t>* const cells = thread_cells;
     if (__builtin_expect(cells != nullptr, 1)) {
-        cells[id].store(cells[id].load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        cells[id].store(cells[id].load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
     } else {
-        count_slow(id);
+        add_slow(id, n);
     }
 }
+
+inline void count(counter_id_t id) noexcept { add(id, 1); }
 
 // The fork handlers' access to the POSIX objects (syncers.cc).
 struct fork_access_t;

@@ -48,6 +48,7 @@
 #include "syncers-int.h"
 #include "syncers.h"
 #include "unicode.h"
+#include "unx-utils-alloc.h"
 #include "unx-utils-signal.h"
 #include "unx-utils.h"
 
@@ -230,10 +231,39 @@ static struct uuid_and_zone_t {
 static immortal_t<mutex_t> s_post_mortem_guard;
 mutex_t& post_morten_dump_flag_guard = fork_safe(s_post_mortem_guard.make());
 
-// (allocation counters go here. The run-time statistics mode and the
-// quotation counters are plain zero-initialised values defined beside their
-// code: they need no construction, so their place in the order is only
-// nominal.)
+// The run-time statistics mode and the quotation counters are plain
+// zero-initialised values defined beside their code: they need no
+// construction, so their place in the order is only nominal.
+
+// Allocation counters and the size histogram; constructing one clears what
+// the wrappers counted while the process was being loaded.
+namespace kern {
+namespace alloc {
+namespace stat {
+namespace d = kern::syncers::detail;
+namespace malloc {
+counter_t calls(d::alloc_malloc_calls), size(d::alloc_malloc_size), time(d::alloc_malloc_time);
+}
+namespace realloc {
+counter_t calls(d::alloc_realloc_calls), time(d::alloc_realloc_time);
+}
+namespace memalign {
+counter_t calls(d::alloc_memalign_calls), size(d::alloc_memalign_size), time(d::alloc_memalign_time);
+}
+namespace free {
+counter_t calls(d::alloc_free_calls), size(d::alloc_free_size), time(d::alloc_free_time);
+}
+namespace sizes {
+#define QVL_BUCKET(i) counter_t(d::counter_id_t(d::alloc_bucket_0 + (i)))
+#define QVL_BUCKETS(i) QVL_BUCKET(i), QVL_BUCKET(i + 1), QVL_BUCKET(i + 2), QVL_BUCKET(i + 3)
+counter_t malloc[32] = {QVL_BUCKETS(0),  QVL_BUCKETS(4),  QVL_BUCKETS(8),  QVL_BUCKETS(12),
+                        QVL_BUCKETS(16), QVL_BUCKETS(20), QVL_BUCKETS(24), QVL_BUCKETS(28)};
+#undef QVL_BUCKETS
+#undef QVL_BUCKET
+}  // namespace sizes
+}  // namespace stat
+}  // namespace alloc
+}  // namespace kern
 
 // What runnable_t::sleep waits on; nothing signals it. Never destroyed: a
 // thread may sleep on it while the process ends.

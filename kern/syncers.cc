@@ -76,24 +76,34 @@ void reclaim_slots_in_child() noexcept {
 
 // The thread-exit hook that gives a slot back. A key destructor runs after
 // the thread's C++ thread_local destructors (which may still lock), and
-// setting a key below the 32 first ones does not allocate.
-struct slot_key_t {
-    slot_key_t() noexcept {
-        ok = pthread_key_create(&key, &give_back_slot) == 0;
-        pthread_atfork(nullptr, nullptr, &reclaim_slots_in_child);
+// setting a key below the 32 first ones does not allocate. The key is made
+// on first use through pthread_once, which takes no lock of the C library's:
+// the first count may come from the allocator called under the lock of
+// exit-handler or fork-handler registration, so registering a handler of
+// our own on that path would wait for ever.
+pthread_once_t s_key_once = PTHREAD_ONCE_INIT;
+pthread_key_t s_key;
+bool s_key_ok;
+
+void make_key() noexcept { s_key_ok = pthread_key_create(&s_key, &give_back_slot) == 0; }
+
+// Built by this file's initialiser, off the counting path: reclaims the
+// slots in a forked child and, when the library goes, deletes the key, whose
+// destructor lives in the library.
+struct slot_key_guard_t {
+    slot_key_guard_t() noexcept { pthread_atfork(nullptr, nullptr, &reclaim_slots_in_child); }
+    ~slot_key_guard_t() {
+        pthread_once(&s_key_once, &make_key);
+        if (s_key_ok) pthread_key_delete(s_key);
+        s_key_ok = false;
     }
-    ~slot_key_t() {
-        // The key's destructor lives in this library: no thread may call it
-        // once the library is gone.
-        if (ok) pthread_key_delete(key);
-        ok = false;
-    }
-    pthread_key_t key;
-    bool ok;
-};
+} s_slot_key_guard;
 
 void claim_slot() noexcept {
-    static slot_key_t slot_key;
+    // Whatever is counted while the slot is claimed goes to the shared slot
+    // rather than claiming again.
+    t_slot = shared_slot + 1;
+    pthread_once(&s_key_once, &make_key);
     unsigned slot = shared_slot;
     for (unsigned w = 0; w < own_slots / 64 && slot == shared_slot; ++w) {
         q_uint64_t bits = s_owned[w].load(std::memory_order_relaxed);
@@ -107,12 +117,12 @@ void claim_slot() noexcept {
             }
         }
     }
-    // Set before the key: should setting it allocate, and the allocator
-    // lock, the nested count finds the slot already in place.
-    t_slot = slot + 1;
     if (slot == shared_slot) return;
+    // Set before the key: should setting it allocate, the nested count finds
+    // the slot already in place.
+    t_slot = slot + 1;
     sd::thread_cells = s_slots[slot].cell;
-    if (!slot_key.ok || pthread_setspecific(slot_key.key, &s_slots[slot]) != 0) {
+    if (!s_key_ok || pthread_setspecific(s_key, &s_slots[slot]) != 0) {
         // Without an exit hook the slot would stay claimed for ever; give it
         // back now and count through the shared slot.
         give_back_slot(nullptr);
@@ -167,12 +177,12 @@ namespace detail {
 
 __thread std::atomic<q_uint64_t>* thread_cells __attribute__((tls_model("initial-exec")));
 
-void count_slow(counter_id_t id) noexcept {
+void add_slow(counter_id_t id, q_uint64_t n) noexcept {
     if (t_slot == 0) claim_slot();
     if (std::atomic<q_uint64_t>* const cells = thread_cells) {
-        cells[id].store(cells[id].load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        cells[id].store(cells[id].load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
     } else {
-        s_slots[shared_slot].cell[id].fetch_add(1, std::memory_order_relaxed);
+        s_slots[shared_slot].cell[id].fetch_add(n, std::memory_order_relaxed);
     }
 }
 
