@@ -202,19 +202,18 @@ struct converter_t {
     UConverter* const cnv;
 };
 
-// Decodes s from cnv's code page, appending to out; out is unchanged when it
-// throws.
-void decode(converter_t& c, lstr_t const& s, std::u16string& out, char const* codepage) {
-    if (s.empty()) return;
+// Runs one conversion call after another into out, beyond its old size,
+// doubling the room while the converter asks for more; on a failure out
+// gets its old size back and fail (which throws) is told the status.
+template <class Out, class Step, class Fail>
+void convert_into(Out& out, std::size_t room, Step step, Fail fail) {
     std::size_t const old = out.size();
-    char const* const start = s.ptr();
-    char const* src = start;
-    out.resize(old + s.length() + 16);
+    out.resize(old + room);
     std::size_t used = old;
     for (;;) {
-        UChar* t = &out[0] + used;
+        auto* t = &out[0] + used;
         UErrorCode st = U_ZERO_ERROR;
-        ucnv_toUnicode(c.cnv, &t, &out[0] + out.size(), &src, start + s.length(), nullptr, true, &st);
+        step(t, &out[0] + out.size(), st);
         used = static_cast<std::size_t>(t - &out[0]);
         if (st == U_BUFFER_OVERFLOW_ERROR) {
             out.resize(out.size() * 2);
@@ -222,6 +221,25 @@ void decode(converter_t& c, lstr_t const& s, std::u16string& out, char const* co
         }
         if (U_FAILURE(st)) {
             out.resize(old);
+            fail(st);
+        }
+        break;
+    }
+    out.resize(used);
+}
+
+// Decodes s from cnv's code page, appending to out; out is unchanged when it
+// throws.
+void decode(converter_t& c, lstr_t const& s, std::u16string& out, char const* codepage) {
+    if (s.empty()) return;
+    char const* const start = s.ptr();
+    char const* src = start;
+    convert_into(
+        out, s.length() + 16,
+        [&](UChar*& t, UChar* end, UErrorCode& st) {
+            ucnv_toUnicode(c.cnv, &t, end, &src, start + s.length(), nullptr, true, &st);
+        },
+        [&](UErrorCode st) {
             char bad[32];
             int8_t bad_len = sizeof bad;
             UErrorCode ignored = U_ZERO_ERROR;
@@ -229,32 +247,21 @@ void decode(converter_t& c, lstr_t const& s, std::u16string& out, char const* co
             std::size_t const at = static_cast<std::size_t>(src - start) - (U_SUCCESS(ignored) ? bad_len : 0);
             QVL_THROW(icu_exception, "unable to convert text from \"%s\" at byte %zu because of %s",
                       kern_n::detail::codepage_name(codepage), at, u_errorName(st));
-        }
-        break;
-    }
-    out.resize(used);
+        });
 }
 
 // Encodes s into cnv's code page, appending to out; out is unchanged when it
 // throws.
 void encode(converter_t& c, std::u16string_view s, std::string& out, char const* codepage) {
     if (s.empty()) return;
-    std::size_t const old = out.size();
     UChar const* const start = s.data();
     UChar const* src = start;
-    out.resize(old + s.size() * 2 + 16);
-    std::size_t used = old;
-    for (;;) {
-        char* t = &out[0] + used;
-        UErrorCode st = U_ZERO_ERROR;
-        ucnv_fromUnicode(c.cnv, &t, &out[0] + out.size(), &src, start + s.size(), nullptr, true, &st);
-        used = static_cast<std::size_t>(t - &out[0]);
-        if (st == U_BUFFER_OVERFLOW_ERROR) {
-            out.resize(out.size() * 2);
-            continue;
-        }
-        if (U_FAILURE(st)) {
-            out.resize(old);
+    convert_into(
+        out, s.size() * 2 + 16,
+        [&](char*& t, char* end, UErrorCode& st) {
+            ucnv_fromUnicode(c.cnv, &t, end, &src, start + s.size(), nullptr, true, &st);
+        },
+        [&](UErrorCode st) {
             UChar bad[8];
             int8_t bad_len = 8;
             UErrorCode ignored = U_ZERO_ERROR;
@@ -263,10 +270,7 @@ void encode(converter_t& c, std::u16string_view s, std::string& out, char const*
             if (U_SUCCESS(ignored) && bad_len > 0) U16_GET(bad, 0, 0, bad_len, cp);
             QVL_THROW(icu_exception, "unable to convert U+%04X to \"%s\" because of %s", static_cast<unsigned>(cp),
                       kern_n::detail::codepage_name(codepage), u_errorName(st));
-        }
-        break;
-    }
-    out.resize(used);
+        });
 }
 
 // Appends s, known to be UTF-8, to out after checking it.
