@@ -1,6 +1,7 @@
 // exceptions.cc: exception records, their shells, the family layer and the
 // per-thread call-stack markers.
 #include "exceptions.h"
+#include "filestr-int.h"
 
 #include <cxxabi.h>
 #include <pthread.h>
@@ -488,27 +489,17 @@ std::string substitute(char const* fmt, char const* arg) {
 // back, so that a closed standard error does not end the process.
 void write_stderr(char const* text, std::size_t n) noexcept {
     error_saver_t const saved;
-    sigset_t pipe, old;
-    sigemptyset(&pipe);
-    sigaddset(&pipe, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &pipe, &old);
-    bool broken = false;
+    kern_n::detail::sigpipe_guard_t guard(true);
     while (n > 0) {
         ssize_t const r = ::write(STDERR_FILENO, text, n);
         if (r < 0 && errno == EINTR) continue;
         if (r <= 0) {
-            broken = r < 0 && errno == EPIPE;
+            if (r < 0) guard.failed(errno);
             break;
         }
         text += r;
         n -= static_cast<std::size_t>(r);
     }
-    if (broken && !sigismember(&old, SIGPIPE)) {
-        struct timespec const now = {0, 0};
-        while (sigtimedwait(&pipe, nullptr, &now) < 0 && errno == EINTR) {
-        }
-    }
-    pthread_sigmask(SIG_SETMASK, &old, nullptr);
 }
 
 }  // namespace

@@ -31,25 +31,9 @@ ssize_t read_retry(int fd, void* buf, std::size_t n) noexcept {
 }
 
 ssize_t write_retry(int fd, void const* buf, std::size_t n, bool to_pipe) noexcept {
-    if (!to_pipe) return retry_eintr([&] { return ::write(fd, buf, n); });
-    // Blocked, a SIGPIPE raised by this write stays pending; it is taken
-    // back before the mask is restored, unless one was pending already
-    // (that one is not ours to swallow). The kernel raises it also for a
-    // write that got some bytes through before the reader left.
-    sigset_t pipe_only, old, pending;
-    sigemptyset(&pipe_only);
-    sigaddset(&pipe_only, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &pipe_only, &old);
-    auto const pipe_pending = [&] { return sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1; };
-    bool const was_pending = pipe_pending();
+    sigpipe_guard_t guard(to_pipe);
     ssize_t const r = retry_eintr([&] { return ::write(fd, buf, n); });
-    int const code = errno;
-    if (!was_pending && pipe_pending()) {
-        struct timespec const now = {0, 0};
-        retry_eintr([&] { return sigtimedwait(&pipe_only, nullptr, &now); });
-    }
-    pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    errno = code;
+    if (r == -1) guard.failed(errno);
     return r;
 }
 

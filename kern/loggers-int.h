@@ -24,6 +24,7 @@
 #include <new>
 #include <string>
 
+#include "filestr-int.h"
 #include "loggers.h"
 #include "numeric-triades.h"
 #include "runnable.h"
@@ -383,68 +384,9 @@ inline bool may_raise_sigpipe(int fd) {
     return S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode);
 }
 
-// Keeps the library's writes to a pipe or socket whose reader has gone from
-// ending the process: SIGPIPE is blocked for the calling thread while the
-// guard lives, and the one that a write failing with EPIPE raised (directed
-// at this thread) is taken off before the mask comes back. A SIGPIPE that
-// was pending for the thread before is left to the program: one can be
-// pending only where the thread blocked the signal already, as a pending
-// signal that is not blocked has been delivered. Two system calls a write.
-class sigpipe_guard_t {
-public:
-    explicit sigpipe_guard_t(bool active)
-        : active_(active), blocked_before_(false), pending_before_(false), raised_(false) {
-        if (!active_) return;
-        sigset_t pipe_only = only_sigpipe();
-        pthread_sigmask(SIG_BLOCK, &pipe_only, &saved_);
-        blocked_before_ = sigismember(&saved_, SIGPIPE) == 1;
-        if (!blocked_before_) return;
-        sigset_t pending;
-        pending_before_ = ::sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
-    }
-    ~sigpipe_guard_t() {
-        if (!active_) return;
-        int const saved_errno = errno;
-        if (raised_ && !pending_before_) {
-            sigset_t pipe_only = only_sigpipe();
-            struct timespec const none = {0, 0};
-            while (::sigtimedwait(&pipe_only, nullptr, &none) == -1 && errno == EINTR) continue;
-        }
-        if (!blocked_before_) pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
-        errno = saved_errno;
-    }
-    sigpipe_guard_t(sigpipe_guard_t const&) = delete;
-    sigpipe_guard_t& operator=(sigpipe_guard_t const&) = delete;
-
-    // Tells the error of a failed write: EPIPE came with a SIGPIPE.
-    void failed(int error) { raised_ = raised_ || error == EPIPE; }
-
-private:
-    static sigset_t only_sigpipe() {
-        sigset_t s;
-        sigemptyset(&s);
-        sigaddset(&s, SIGPIPE);
-        return s;
-    }
-
-    bool const active_;
-    bool blocked_before_;
-    bool pending_before_;
-    bool raised_;
-    sigset_t saved_;
-};
-
 // --- files of the file logger and its compression ---------------------------
 
 constexpr mode_t k_log_mode = 0640;
-
-inline int open_retry(char const* name, int flags, mode_t mode) {
-    int fd;
-    do {
-        fd = ::open(name, flags | O_CLOEXEC, mode);
-    } while (fd == -1 && errno == EINTR);
-    return fd;
-}
 
 inline int unlink_retry(std::string const& name) {
     int rc;
