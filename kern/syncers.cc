@@ -83,9 +83,11 @@ void reclaim_slots_in_child() noexcept {
 // our own on that path would wait for ever.
 pthread_once_t s_key_once = PTHREAD_ONCE_INIT;
 pthread_key_t s_key;
-bool s_key_ok;
+// Atomic: the library's teardown clears it while detached threads that are
+// still running may claim a slot.
+std::atomic<bool> s_key_ok{false};
 
-void make_key() noexcept { s_key_ok = pthread_key_create(&s_key, &give_back_slot) == 0; }
+void make_key() noexcept { s_key_ok.store(pthread_key_create(&s_key, &give_back_slot) == 0); }
 
 // Built by this file's initialiser, off the counting path: reclaims the
 // slots in a forked child and, when the library goes, deletes the key, whose
@@ -94,8 +96,7 @@ struct slot_key_guard_t {
     slot_key_guard_t() noexcept { pthread_atfork(nullptr, nullptr, &reclaim_slots_in_child); }
     ~slot_key_guard_t() {
         pthread_once(&s_key_once, &make_key);
-        if (s_key_ok) pthread_key_delete(s_key);
-        s_key_ok = false;
+        if (s_key_ok.exchange(false)) pthread_key_delete(s_key);
     }
 } s_slot_key_guard;
 
