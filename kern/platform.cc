@@ -17,6 +17,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "filestr-int.h"
 #include "loggers.h"
 #include "runnable.h"
 #include "time-objs.h"
@@ -45,24 +46,16 @@ void append(char (&buffer)[size], char const* text) {
 
 // The file's first bytes, up to limit; false when it cannot be read.
 bool read_head(char const* path, std::string& out, std::size_t limit) {
-    int fd;
-    while ((fd = ::open(path, O_RDONLY | O_CLOEXEC)) < 0 && errno == EINTR) continue;
-    if (fd < 0) return false;
+    kern_n::detail::fd_holder_t fd(kern_n::detail::open_retry(path, O_RDONLY));
+    if (fd.get() < 0) return false;
     char buf[4096];
-    bool ok = true;
     while (out.size() < limit) {
-        ssize_t const n = ::read(fd, buf, sizeof buf);
-        if (n > 0) {
-            out.append(buf, static_cast<std::size_t>(n));
-        } else if (n == 0) {
-            break;
-        } else if (errno != EINTR) {
-            ok = false;
-            break;
-        }
+        ssize_t const n = kern_n::detail::read_retry(fd.get(), buf, sizeof buf);
+        if (n < 0) return false;
+        if (n == 0) break;
+        out.append(buf, static_cast<std::size_t>(n));
     }
-    ::close(fd);
-    return ok;
+    return true;
 }
 
 // text put between single quotes for /bin/sh.
