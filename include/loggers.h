@@ -330,6 +330,14 @@ public:
     static if_logger_t* create(char const* name, char const* rotation);
     // The same, writing the banner line at every open of the file.
     static if_logger_t* create(char const* name, char const* rotation, std::string banner);
+
+    // Asks every file logger to re-open its file at its next write or
+    // once-a-second check. Async-signal-safe: it only bumps an atomic
+    // counter, so a SIGHUP handler may call it.
+    static void request_reopen() noexcept;
+    // How many re-opens were requested so far (each logger compares it with
+    // the value it last acted on).
+    static q_uint32_t reopen_requests() noexcept;
 };
 
 // --- implementations --------------------------------------------------------

@@ -246,6 +246,20 @@ int open_append_trusted(std::string const& name, uid_t& owner) {
 
 file_logger_impl_t::clock_fn_t file_logger_impl_t::clock = &coarse_now;
 
+namespace {
+// Lock-free and address-free, so that bumping it is async-signal-safe.
+std::atomic<q_uint32_t> g_reopen_requests{0};
+static_assert(std::atomic<q_uint32_t>::is_always_lock_free, "reopen counter must be lock-free");
+}  // namespace
+
+void file_logger_t::request_reopen() noexcept {
+    g_reopen_requests.fetch_add(1, std::memory_order_release);
+}
+
+q_uint32_t file_logger_t::reopen_requests() noexcept {
+    return g_reopen_requests.load(std::memory_order_acquire);
+}
+
 if_logger_t* file_logger_t::create(char const* name, char const* rotation) {
     return new file_logger_impl_t(name, rotation, std::string());
 }
