@@ -398,6 +398,15 @@ void show_allocations() {
                 kilobytes(as::free::size, true).c_str());
 }
 
+// Every counter above, as node_exporter's textfile collector reads it.
+void export_metrics() {
+    char const* const path = "demo-state/qvlkern.prom";
+    kern::metrics::write_textfile(path);
+    std::string body;
+    read_entire_file(body, path);
+    std::printf("metrics: %zu bytes of Prometheus text in %s\n", body.size(), path);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -437,6 +446,7 @@ int main(int argc, char** argv) {
     load_modules();
     log_syncers_stat();
     show_allocations();
+    export_metrics();
     if (g_file_log) {
         chain_logger_t::remove(g_file_log);  // the chain hands the logger back
         delete g_file_log;

@@ -13,6 +13,7 @@
 #include "kern-config.h"
 #include "loggers.h"
 #include "lwp.h"
+#include "metrics.h"
 #include "numstrings-int.h"
 #include "numstrings.h"
 #include "numeric-triades.h"
