@@ -38,8 +38,8 @@
 //   qvlkern_process_block_io_operations_total{direction}  read write
 //   qvlkern_process_virtual_memory_bytes, qvlkern_process_resident_memory_bytes,
 //   qvlkern_process_system_threads, qvlkern_process_open_fds
-//   qvlkern_statistics_mode{clock}           the value of mode_s_; clock:
-//                                            disabled thread real
+//   qvlkern_statistics_mode{clock}           0 disabled, 1 thread, 2 real:
+//                                            mode_s_ and its type()
 // The quoting, random, UUID and allocation times, and the allocation
 // histogram, grow only while kern::runtime::stat::mode_s_ is not 0, on the
 // clock it names (code-exec-time.h); so do the quoting, random and UUID
@@ -49,7 +49,8 @@
 // to copy each registry entry's type, name and ids, and the module cache's
 // s_storage_guard just long enough to count the cached images; it formats
 // after letting each go. It takes no logger's lock, no rwlock, no name
-// lock and not sysrnd's mutex, and it logs nothing. The counters are read
+// lock and not sysrnd's mutex, and logs nothing itself (the process
+// figures' readers log a failure to read /proc at DEBUG, holding no lock). The counters are read
 // without a lock: one exposition may mix values from slightly different
 // moments, as log_syncers_stat may.
 //
@@ -109,7 +110,8 @@ QVL_API void append(std::string& out, format_t format);
 // append(out, format_t::openmetrics).
 QVL_API void append_openmetrics(std::string& out);
 
-// Replaces the file at path by the exposition, atomically (see above).
+// Replaces the file at path by the exposition, atomically (see above); a
+// null path fails with EINVAL's text.
 // Throws io_error_exception_shell_t: "unable to create file \"%s\" because
 // of %s", "unable to write into file \"%s\" because of %s", "unable to
 // synchronize file \"%s\" because of %s", "unable to close file \"%s\"

@@ -331,8 +331,8 @@ void statistics_family(exposition_t& x) {
     namespace s = kern::runtime::stat;
     s::mode_t const mode = s::mode_s_;
     x.family("qvlkern_statistics_mode", kind_t::gauge,
-             "Run-time statistics switch: 0 off, 1 thread CPU clock, other values monotonic clock.");
-    x.sample({{"clock", s::type()}}, static_cast<q_uint64_t>(static_cast<std::uint32_t>(mode)));
+             "Run-time statistics switch: 0 off, 1 thread CPU clock, 2 monotonic clock.");
+    x.sample({{"clock", s::type()}}, mode == 0 ? 0 : mode == 1 ? 1 : 2);
 }
 
 // Throws io_error_exception with fmt, path and the text of the errno saved
@@ -374,6 +374,10 @@ void append_openmetrics(std::string& out) { append(out, format_t::openmetrics); 
 
 void write_textfile(char const* path, format_t format) {
     using kern_n::detail::fd_holder_t;
+    if (!path) {
+        errno = EINVAL;
+        fail("unable to create file \"%s\" because of %s", "(null)");
+    }
     std::string body;
     append(body, format);
     std::string const target(path);

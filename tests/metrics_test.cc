@@ -202,17 +202,20 @@ TEST(metrics, textfile_replaces_the_file_whole) {
     test_support::temp_dir_t const tmp;
     std::string const target = tmp.file("agent.prom", "old"), victim = tmp.file("victim", "keep");
     umask(022);
-    struct { char const* name; std::function<void()> before; char const* error; } const cases[] = {
-        {"over a file", [] {}, ""},
-        {"over a link", [&] { unlink(target.c_str()), (void)!symlink(victim.c_str(), target.c_str()); }, ""},
-        {"missing directory", [] {}, "unable to create file \"%s/none/agent.prom.*.tmp\" because of No such file"},
+    std::string const missing = tmp / "none/agent.prom";
+    struct { char const* name; std::function<void()> before; char const* path; char const* error; } const cases[] = {
+        {"over a file", [] {}, target.c_str(), ""},
+        {"over a link", [&] { unlink(target.c_str()), (void)!symlink(victim.c_str(), target.c_str()); }, target.c_str(),
+         ""},
+        {"missing directory", [] {}, missing.c_str(),
+         "unable to create file \"%s/none/agent.prom.*.tmp\" because of No such file"},
+        {"no path", [] {}, nullptr, "unable to create file \"\\(null\\)\" because of Invalid argument"},
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.name);
         c.before();
-        std::string const path = *c.error ? tmp / "none/agent.prom" : target;
         try {
-            kern::metrics::write_textfile(path.c_str());
+            kern::metrics::write_textfile(c.path);
             EXPECT_STREQ(c.error, "");
         } catch (io_error_exception_shell_t const& e) {
             EXPECT_THAT(e.what(), testing::MatchesRegex(q_format(c.error, tmp.path.c_str()) + ".*"));
