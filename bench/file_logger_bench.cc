@@ -15,6 +15,12 @@
 //                       per line (still some 60 MB/s of log), without and
 //                       with rotation and compression: what rotation costs
 //                       when the compressor keeps up;
+//   file_logger_checked the file logger with a clock that moves a second a
+//                       line, so that every line runs the check (fstat of
+//                       the file, stat of its path): the check's own cost,
+//                       which real time spreads over a second of lines;
+//   file_logger_checked_floor  the same with a floor of free space set, which
+//                       adds a statvfs to every check;
 //   pack / gzip_9       compressing a 10 MiB log file, by the logger's pack
 //                       (zlib level 9 in 16 KiB blocks) and by the gzip -9
 //                       command.
@@ -25,6 +31,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -123,6 +130,43 @@ void BM_file_logger_rotate_plain(benchmark::State& state) { write_lines(state); 
 BENCHMARK(BM_file_logger_rotate_plain)
     ->Setup(make_plain_rotating_logger)
     ->Teardown(finish)
+    ->Iterations(k_lines)
+    ->UseRealTime();
+
+// A clock a second further on at every reading: every line is checked.
+std::atomic<q_int64_t> g_ticks{0};
+timestamp_t moving_clock() {
+    return timestamp_t(g_ticks.fetch_add(kern::time::ticks_per_second) + kern::time::unix_epoch_ticks);
+}
+file_logger_impl_t::clock_fn_t g_saved_clock = nullptr;
+
+void make_checked_logger(benchmark::State const& state) {
+    make_file_logger(state);
+    g_saved_clock = file_logger_impl_t::clock;
+    file_logger_impl_t::clock = moving_clock;
+}
+
+void make_checked_floor_logger(benchmark::State const& state) {
+    make_checked_logger(state);
+    file_logger_t::set_disk_limits(g_logger, -1, 1);
+}
+
+void finish_checked(benchmark::State const& state) {
+    finish(state);
+    file_logger_impl_t::clock = g_saved_clock;
+}
+
+void BM_file_logger_checked(benchmark::State& state) { write_lines(state); }
+BENCHMARK(BM_file_logger_checked)
+    ->Setup(make_checked_logger)
+    ->Teardown(finish_checked)
+    ->Iterations(k_lines)
+    ->UseRealTime();
+
+void BM_file_logger_checked_floor(benchmark::State& state) { write_lines(state); }
+BENCHMARK(BM_file_logger_checked_floor)
+    ->Setup(make_checked_floor_logger)
+    ->Teardown(finish_checked)
     ->Iterations(k_lines)
     ->UseRealTime();
 

@@ -87,9 +87,65 @@
 //  - After a reported write failure the descriptor logger retries from one
 //    byte further back on every failed write and gives up when it would step
 //    before the start of the text; it then answers 0.
-//  - Destroying a file logger waits for the compression that its last
-//    rotation started, so that no half-written .gz is left behind and the
-//    compression thread never outlives the logger it writes its messages to.
+//  - Destroying a file logger stops the compression that its last rotation
+//    started at its next 16 KiB block and waits for that (a few
+//    milliseconds, not the whole of a large file): the half-written
+//    temporary is removed, the plain kept file stays, a "[Logger]" line says
+//    so, and the next logger opened on the name compresses it. The
+//    compression thread never outlives the logger it writes its messages
+//    to. logger_init_t's retirement of a logger still in use waits for the
+//    compression to end instead.
+//  - A logger that opens finishes what an earlier run left (a crash, a fast
+//    end): temporary files of the log and of its .gz files (the names below)
+//    are removed, each told in the file, and with compression on every plain
+//    kept file of an index below the count is compressed again, also when a
+//    .gz of it is there (the plain file is the whole text), on the
+//    compression thread: the opener reads the directory once and waits for
+//    nothing more.
+//  - Rotation by another program (logrotate). The once-a-second check also
+//    stats the path: when it names another file than the open one, or
+//    nothing, the path is re-opened appending (re-created when gone), and
+//    "[Logger] Log file was moved or replaced outside software and
+//    re-opened" goes into the new file. A file removed (link count 0) while
+//    another regular file already has its name is taken on the same way
+//    rather than re-created over, so that nothing put there is lost; with
+//    nothing or a link at the name it is re-created as before. A file
+//    shorter than the logger's own count was truncated by someone else
+//    (copytruncate): "[Logger] Log file was truncated outside software
+//    (copied away?), writing on at its end"; the lines go on at the new
+//    end (the file is opened appending) and the size is taken from the file.
+//    A rotation by size re-reads the file's size first, so that a file
+//    truncated within the second does not rotate early. Re-opening a path
+//    that cannot be opened is told once in the current file, which stays in
+//    use, and retried at the pace of the reopen gate.
+//  - copytruncate itself loses the lines written between its copy and its
+//    truncation (no writer can prevent that); "create" with a re-open
+//    request loses none. README has the recipe.
+//  - file_logger_t::request_reopen() is acted on by every file logger at its
+//    next line (one relaxed atomic load a line); reopen() and
+//    file_logger_t::reopen(l) at once. Both re-open the path appending (the
+//    banner is written again, as at every open) and tell only a change of
+//    file; both bypass the reopen gate, as an operator asked.
+//  - Disk bounds are off by default and set by set_disk_limits, not in the
+//    rotation text. Kept files are found by reading the log's directory (all
+//    indexes, plain and .gz, also beyond a gap or the count); the oldest is
+//    the highest index. The cap on kept bytes is applied at each rotation,
+//    counting the file just rotated before its compression, and never
+//    removes the newest kept file: the total holds within one file's size.
+//    The floor of free space (statvfs, blocks free to unprivileged users) is
+//    checked once a second and at each rotation; it removes the oldest kept
+//    files, the newest too, but not while a compression runs (then at the
+//    next check). Still short, the file logger writes "[Logger] Free space
+//    is below %lld bytes, dropping lines until there is room" once and drops
+//    the lines that follow, counting them, without ever waiting; the first
+//    check with room again writes "[Logger] %llu lines were dropped while
+//    free space was below %lld bytes" and lines flow again. Every removal
+//    writes "[Logger] Removed old log file \"%s\" to keep ..." into the log.
+//  - Permissions survive rotation: a re-created log file and every .gz get
+//    the rw bits of the mode, and the owner and group, of the file they
+//    stand for (taken at each open, check and rotation); when the process
+//    may not give a file away, the group alone is tried, and a refusal is
+//    no failure. Kept plain files keep theirs, being renamed.
 //  - The one-minute gate between attempts to re-create the log file applies
 //    only after a failed attempt: after a successful open, a rotation or the
 //    re-creation of a removed file proceeds at once.
@@ -153,6 +209,7 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstddef>
+#include <memory>
 #include <string>
 
 #include <boost/shared_ptr.hpp>
@@ -338,6 +395,15 @@ public:
     // How many re-opens were requested so far (each logger compares it with
     // the value it last acted on).
     static q_uint32_t reopen_requests() noexcept;
+    // Re-opens now, appending, the file of every file logger in l (l itself
+    // or the members of a chain, at any depth), for code outside signal
+    // handlers. False when l holds no file logger.
+    static bool reopen(if_logger_t* l);
+    // Bounds the disk use of every file logger in l: kept_bytes caps the
+    // total size of its kept files, free_bytes is a floor of free space on
+    // the log's file system; -1 lifts a bound. See file_logger_impl_t. False
+    // when l holds no file logger.
+    static bool set_disk_limits(if_logger_t* l, q_int64_t kept_bytes, q_int64_t free_bytes);
 };
 
 // --- implementations --------------------------------------------------------
@@ -460,6 +526,16 @@ public:
 // for that compression (the rotation lock is held from the start of one
 // until its compression has ended). The compression thread writes its own
 // messages through the descriptor write only.
+//
+// Rotation by another program: the once-a-second check also looks at the
+// path. A file moved away (logrotate's "create") or replaced is let go and
+// the path re-opened appending, a file truncated in place ("copytruncate")
+// is written on at its new end; a "[Logger]" line in the file says which.
+// file_logger_t::request_reopen() (from a SIGHUP handler, say) makes every
+// file logger re-open its path at its next line, reopen() does it at once.
+//
+//   file_logger_t::set_disk_limits(if_logger_t::Log, 200 << 20, 1 << 30);
+//       // kept files at most 200 MiB, and 1 GiB left free on the disk
 class QVL_API file_logger_impl_t : public fd_logger_impl_t {
 public:
     // The rotation lock held exclusively by a rotation and then by the
@@ -511,6 +587,21 @@ public:
     // Waits until no compression runs.
     void wait_compression();
 
+    // Re-opens the path now, appending (re-created when it is gone), and
+    // tells in the file when it names another file than before.
+    void reopen();
+    // Disk bounds; -1 lifts one. kept_bytes: at each rotation the oldest
+    // kept files are removed while those kept add up to more (the newest one
+    // always stays). free_bytes: when free space on the file system falls
+    // below it (checked once a second and at each rotation), the oldest kept
+    // files are removed; if that is not enough, lines are dropped and
+    // counted until there is room again. Every removal is told in the file.
+    void set_disk_limits(q_int64_t kept_bytes, q_int64_t free_bytes);
+    q_int64_t kept_bytes_limit() const { return kept_limit_; }
+    q_int64_t free_bytes_floor() const { return free_floor_; }
+    // Lines dropped for want of free space since the last report.
+    q_uint64_t dropped_lines() const { return dropped_; }
+
     // One of the logger's own messages, formatted by the process logger's
     // format (with its prefix, its line end if it adds one, and its folding
     // of repeats).
@@ -540,6 +631,28 @@ private:
     // directly (write() runs for every line).
     struct pack_job_t;
     QVL_HIDDEN static void pack_main(pack_job_t* job);
+    // Starts the compression thread on the job; a failure to start is told
+    // in the file.
+    QVL_HIDDEN void start_packing(std::unique_ptr<pack_job_t> job);
+
+    // How open() opens: the first open (appending, trusted links, failures
+    // to the process logger), a re-creation, or a re-open of the path
+    // appending (failures to the list).
+    enum open_kind_t { open_first, open_recreate, open_follow };
+    QVL_HIDDEN bool open_as(open_kind_t kind, std::string* failures);
+    // Re-opens the path appending, or re-creates it when gone; tells in the
+    // file when it was moved or replaced, and a failure once. asked: at
+    // once, else at the pace of the reopen gate.
+    QVL_HIDDEN void follow_path(bool asked);
+    // The floor of free space: kept files removed, then lines dropped until
+    // there is room, and the count told.
+    QVL_HIDDEN void check_free_space();
+    // Removes kept files for the bounds; the newest kept file goes only for
+    // free space, and only when no compression runs.
+    QVL_HIDDEN void enforce_disk_limits(bool rotation_held);
+    // Finishes what an earlier run left: stale temporary files removed, and
+    // plain kept files compressed on the compression thread.
+    QVL_HIDDEN void recover();
 
     // Local time of a UTC moment, with the zone offset cached by the checks.
     q_int64_t local_ticks(timestamp_t utc) const { return utc.value - zone_ticks_; }
@@ -554,6 +667,9 @@ private:
     QVL_HIDDEN bool kept_exists(q_uint32_t n) const;
     // fstat of the file: size, or the re-creation of a removed file.
     QVL_HIDDEN void check_file();
+    // The rest of the check on a file still linked: truncation, the path
+    // naming another file, free space.
+    QVL_HIDDEN void check_path(struct stat const& open_file);
     // Writes the logger's own lines through the descriptor write, counting
     // the bytes.
     QVL_HIDDEN void write_own(std::string const& text);
@@ -587,6 +703,22 @@ private:
     // (UTC minus local, in ticks) of the last check.
     int open_errno_;
     q_int64_t zone_ticks_;
+    // The file's mode and owner, kept from the last open and check: a
+    // re-created file and the compressed ones get them.
+    unsigned file_mode_;
+    unsigned file_uid_;
+    unsigned file_gid_;
+    // The reopen request count acted on; a failed re-open of the path was
+    // told and is retried quietly.
+    q_uint32_t reopen_seen_;
+    bool follow_failed_;
+    q_int64_t kept_limit_;
+    q_int64_t free_floor_;
+    // Lines are dropped for want of free space; how many so far.
+    bool dropping_;
+    q_uint64_t dropped_;
+    // Set by the destructor: a compression stops between blocks.
+    std::atomic<bool> stopping_;
 };
 
 // The start-up logger's teardown and the bootstrap logger.

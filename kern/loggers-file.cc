@@ -281,7 +281,17 @@ file_logger_impl_t::file_logger_impl_t(char const* name, char const* rotation, s
       compress_(true),
       current_size_(0),
       open_errno_(0),
-      zone_ticks_(0) {
+      zone_ticks_(0),
+      file_mode_(k_log_mode),
+      file_uid_(::geteuid()),
+      file_gid_(::getegid()),
+      reopen_seen_(file_logger_t::reopen_requests()),
+      follow_failed_(false),
+      kept_limit_(-1),
+      free_floor_(-1),
+      dropping_(false),
+      dropped_(0),
+      stopping_(false) {
     init(name, rotation, std::move(banner));
     // Last: nothing after it may throw and leave the locks registered.
     ksd::fork_safe(file_mutex_);
@@ -289,6 +299,9 @@ file_logger_impl_t::file_logger_impl_t(char const* name, char const* rotation, s
 }
 
 file_logger_impl_t::~file_logger_impl_t() {
+    // A compression stops at its next block and leaves the plain file for
+    // the next start, so that an end does not wait for a large one.
+    stopping_.store(true, std::memory_order_relaxed);
     try {
         wait_compression();
         write_repeat_summary();
@@ -318,7 +331,7 @@ void file_logger_impl_t::init(char const* name, char const* rotation, std::strin
     count_ = r.count;
     compress_ = r.compress;
     rotation_text_ = std::move(r.text);
-    open(false, nullptr);
+    if (open(false, nullptr)) recover();
 }
 
 bool file_logger_impl_t::is_stderr() const { return fd_logger_impl_t::is_stderr(); }
@@ -344,8 +357,13 @@ void file_logger_impl_t::renew_zone(timestamp_t now) {
 }
 
 bool file_logger_impl_t::open(bool recreate, std::string* failures) {
+    return open_as(recreate ? open_recreate : open_first, failures);
+}
+
+bool file_logger_impl_t::open_as(open_kind_t kind, std::string* failures) {
+    bool const recreate = kind == open_recreate;
     timestamp_t const now = clock();
-    if (recreate && !reached(now, next_reopen_, k_minute)) {
+    if (kind != open_first && !reached(now, next_reopen_, k_minute)) {
         errno = open_errno_;
         return false;
     }
@@ -361,8 +379,15 @@ bool file_logger_impl_t::open(bool recreate, std::string* failures) {
     uid_t owner = 0;
     int fd;
     if (recreate) {
+        // The new file gets the mode and owner of the one it stands for,
+        // so that an operator's 0600 or group survives rotation.
+        struct stat st;
+        if (fd_ != -1 && fstat_retry(fd_, st) == 0) {
+            file_mode_ = st.st_mode, file_uid_ = st.st_uid, file_gid_ = st.st_gid;
+        }
         std::string temp;
         fd = create_fresh(file_name_, O_RDWR | O_NOCTTY | O_APPEND, temp);
+        if (fd != -1) copy_access(fd, file_mode_, file_uid_, file_gid_);
         if (fd != -1 && rename_retry(temp, file_name_) == -1) {
             error_saver_t const saved;  // the rename's error, for the report
             unlink_retry(temp);
@@ -376,10 +401,16 @@ bool file_logger_impl_t::open(bool recreate, std::string* failures) {
         error_saver_t const saved;
         open_errno_ = saved.code;
         std::string const error = get_last_error(saved);
-        if (recreate) {
+        if (kind != open_first) {
             std::string line;
-            prepare(line, FAULT, "[Logger] Unable to open logfile \"%s\" because of %s", file_name_.c_str(),
-                    error.c_str());
+            if (owner) {
+                prepare(line, FAULT,
+                        "[Logger] Refused to open logfile \"%s\" through a link owned by user %u because of %s",
+                        file_name_.c_str(), static_cast<unsigned>(owner), error.c_str());
+            } else {
+                prepare(line, FAULT, "[Logger] Unable to open logfile \"%s\" because of %s", file_name_.c_str(),
+                        error.c_str());
+            }
             add_failure(failures, line);
         } else if (if_logger_t* const l = Log) {
             if (!l->is_logged(FAULT)) {
@@ -402,6 +433,8 @@ bool file_logger_impl_t::open(bool recreate, std::string* failures) {
     opened_.store(true, std::memory_order_release);
     off_t const end = ::lseek(fd, 0, SEEK_END);
     current_size_ = end;
+    struct stat st;
+    if (fstat_retry(fd, st) == 0) file_mode_ = st.st_mode, file_uid_ = st.st_uid, file_gid_ = st.st_gid;
     renew_zone(now);
     if (time_limit_ > 0) {
         q_int64_t base = local_ticks(now);
@@ -464,12 +497,23 @@ size_t file_logger_impl_t::write(char const* text) {
         }
     }
     reopen_failure_reported_ = false;
+    // One relaxed load a line: a request from a signal handler is acted on
+    // by the next line of every file logger.
+    q_uint32_t const requests = file_logger_t::reopen_requests();
+    if (requests != reopen_seen_) {
+        reopen_seen_ = requests;
+        follow_path(true);
+    }
     timestamp_t const now = clock();
     if (reached(now, next_check_, k_second)) {
         next_check_ = now + timegap_t(k_second);
         renew_zone(now);
         check_file();
         if (fd_ == -1) return 0;
+    }
+    if (dropping_) {
+        ++dropped_;  // no room: counted, and told when writing resumes
+        return 0;
     }
     if (rotation_due(now)) rotate();
     size_t const n = text ? write_fd(text, std::strlen(text)) : 0;
@@ -488,7 +532,15 @@ void file_logger_impl_t::check_file() {
         return;
     }
     if (st.st_nlink != 0) {
-        current_size_ = st.st_size;
+        check_path(st);
+        return;
+    }
+    // Replaced by another file (renamed over it): that one is taken on as
+    // it is, never re-created over, so that what was put there stays. A
+    // link there is replaced as before.
+    struct stat at;
+    if (::lstat(file_name_.c_str(), &at) == 0 && S_ISREG(at.st_mode)) {
+        follow_path(false);
         return;
     }
     // Removed by someone else: whatever is still written into it is gone
@@ -539,6 +591,13 @@ void file_logger_impl_t::rotate() {
     rotation_hold_t const hold(new xlocker_t<rwlock_t>(rwlock_));
     timestamp_t const now = clock();
     if (!rotation_due(now)) return;
+    // The size counted since the last check is believed only up to the
+    // file's own: a file truncated meanwhile (copytruncate) is not yet due.
+    struct stat st;
+    if (time_limit_ == 0 && fstat_retry(fd_, st) == 0 && st.st_nlink != 0 && st.st_size < size_limit_) {
+        current_size_ = st.st_size;
+        return;
+    }
     // A failed rotation keeps the file and is tried again at the pace of the
     // reopen gate. Its notice and failures are in the file and were
     // reported: a retry adds only the notice of a rotation that goes ahead.
@@ -603,28 +662,15 @@ void file_logger_impl_t::rotate() {
         write_own(failures);
         notify_error(if_logger_error_t::rotation_failed, "Unable to rename log file because of " + rename_error);
     }
-    if (!renamed || !compress_) return;
+    if (renamed && (kept_limit_ >= 0 || free_floor_ >= 0)) enforce_disk_limits(true);
+    struct stat kept;
+    if (!renamed || !compress_ || ::lstat(rotated.c_str(), &kept) != 0) return;
 
     std::string packed;
     suffix(packed, file_name_, 1, true);
-    std::unique_ptr<pack_job_t> job(new pack_job_t{this, hold, rotated, packed});
-    // The thread takes no signals: those belong to the program's own
-    // threads, and it inherits the mask from here.
-    sigset_t all, old;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &old);
-    try {
-        pack_job_t* const raw = job.get();
-        boost::thread thread([raw] { pack_main(raw); });
-        job.release();
-        thread.detach();
-    } catch (std::exception const& e) {
-        job.reset();
-        prepare(line, FAULT, "[Logger] Unable to start compression of \"%s\" because of %s", rotated.c_str(),
-                e.what());
-        write_own(line);
-    }
-    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    std::unique_ptr<pack_job_t> job(new pack_job_t{this, hold, {}});
+    job->files.emplace_back(rotated, packed);
+    start_packing(std::move(job));
 }
 
 void file_logger_impl_t::defer_rotation(timestamp_t now, bool retry, std::string const& failures,
@@ -656,19 +702,19 @@ void file_logger_impl_t::add_failure(std::string* list, std::string const& text)
     list->append(text);
 }
 
-void file_logger_impl_t::suffix(std::string& out, std::string const& name, unsigned n, bool gz) {
+size_t kern_n::detail::kept_stem(std::string const& name) {
     // The last extension: a dot after the last separator, but not one that
     // begins the file's name (".agent" has none).
-    size_t dot = std::string::npos;
     for (size_t i = name.size(); i-- > 0;) {
         char const c = name[i];
         if (c == '/' || c == '\\') break;
-        if (c == '.') {
-            if (i > 0 && name[i - 1] != '/' && name[i - 1] != '\\') dot = i;
-            break;
-        }
+        if (c == '.') return i > 0 && name[i - 1] != '/' && name[i - 1] != '\\' ? i : name.size();
     }
-    size_t const stem = dot == std::string::npos ? name.size() : dot;
+    return name.size();
+}
+
+void file_logger_impl_t::suffix(std::string& out, std::string const& name, unsigned n, bool gz) {
+    size_t const stem = kept_stem(name);
     out.assign(name, 0, stem).push_back('.');
     add_number_to_string(n, out);
     out.append(name, stem, std::string::npos);

@@ -23,6 +23,8 @@
 #include <cstring>
 #include <new>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "filestr-int.h"
 #include "loggers.h"
@@ -416,6 +418,30 @@ int create_fresh(std::string const& name, int flags, std::string& temp);
 // owns it; another owner's link is refused with EPERM and reported in owner.
 int open_append_trusted(std::string const& name, uid_t& owner);
 
+// The length of the part of a log name before its last extension: kept
+// file n inserts ".n" there.
+size_t kept_stem(std::string const& name);
+
+inline int fstat_retry(int fd, struct stat& st) {
+    int rc;
+    do {
+        rc = ::fstat(fd, &st);
+    } while (rc == -1 && errno == EINTR);
+    return rc;
+}
+
+// Gives a file the logger made the mode (rw bits only) and, when the process
+// may, the owner of the file it stands for; a refusal (EPERM) is no failure.
+inline void copy_access(int fd, unsigned mode, unsigned uid, unsigned gid) {
+    struct stat st;
+    if (fstat_retry(fd, st) != 0) return;
+    // Without the right to give the file away, the group alone may still be
+    // one of the process's own.
+    if ((st.st_uid != uid || st.st_gid != gid) && ::fchown(fd, uid, gid) != 0 && st.st_gid != gid)
+        (void)!::fchown(fd, static_cast<uid_t>(-1), gid);
+    if ((st.st_mode & 07777) != (mode & 0666)) (void)!::fchmod(fd, mode & 0666);
+}
+
 // close(2) is never retried: Linux frees the descriptor also when it reports
 // EINTR, and a second close could hit a descriptor that another thread has
 // just been given.
@@ -426,12 +452,12 @@ inline int close_once(int fd) { return ::close(fd); }
 
 #pragma GCC visibility pop
 
-// What a compression thread owns.
+// What a compression thread owns: the files to compress, in order, each a
+// rotated file and the compressed name it gets.
 struct file_logger_impl_t::pack_job_t {
     file_logger_impl_t* logger;
     rotation_hold_t hold;
-    std::string from;
-    std::string to;
+    std::vector<std::pair<std::string, std::string> > files;
 };
 
 #endif  // QVLKERN_LOGGERS_INT_H

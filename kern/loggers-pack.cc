@@ -4,9 +4,11 @@
 
 #include <cxxabi.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
 
+#include <atomic>
 #include <cerrno>
 #include <memory>
 #include <string>
@@ -89,15 +91,18 @@ void report_create_failure(std::string const& to, std::string& message) {
 // Compresses from into to and removes from. On a failure message becomes
 // the report, the partial to is removed and from stays, so that the rotated
 // lines are never lost nor left only in a truncated .gz; after a read
-// failure both stay. The thread that
-// runs this blocks every signal, so zlib's own writes see no EINTR.
-void compress_file(std::string const& from, std::string const& to, std::string& message) {
+// failure both stay. A stop seen between blocks ends it the same way, with
+// no report, and answers true. The .gz gets the mode and owner of from. The
+// thread that runs this blocks every signal, so zlib's own writes see no
+// EINTR.
+bool compress_file(std::string const& from, std::string const& to, std::string& message,
+                   std::atomic<bool> const& stop) {
     fd_holder_t in(open_retry(from.c_str(), O_RDONLY | O_NOCTTY | O_NOFOLLOW, 0));
     if (in.get() == -1) {
         error_saver_t const saved;
         file_logger_impl_t::prepare(message, if_logger_t::INFO, "[Logger] Unable to open file \"%s\" because of %s",
                                     from.c_str(), get_last_error(saved).c_str());
-        return;
+        return false;
     }
     // Written under a name of its own and renamed to to when whole: a link
     // at to is replaced, never written through.
@@ -105,9 +110,11 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
     fd_holder_t out(create_fresh(to, O_RDWR | O_NOCTTY, temp));
     if (out.get() == -1) {
         report_create_failure(to, message);
-        return;
+        return false;
     }
     partial_file_t partial(temp);
+    struct stat source;
+    if (fstat_retry(in.get(), source) == 0) copy_access(out.get(), source.st_mode, source.st_uid, source.st_gid);
     // The stream gets a descriptor of its own and closes it; out stays open
     // for the fsync after the stream has written its trailer.
     fd_holder_t stream_fd(::fcntl(out.get(), F_DUPFD_CLOEXEC, 0));
@@ -117,7 +124,7 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
         file_logger_impl_t::prepare(message, if_logger_t::INFO,
                                     "[Logger] Unable to create compressed file \"%s\" because of %s", to.c_str(),
                                     error.c_str());
-        return;
+        return false;
     }
     stream_fd.release();
 
@@ -126,6 +133,7 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
     // kept in a whole .gz, as the report says, and the plain file stays.
     bool read_all = true;
     for (;;) {
+        if (stop.load(std::memory_order_relaxed)) return true;
         ssize_t got;
         do {
             got = ::read(in.get(), block.get(), k_pack_block);
@@ -149,7 +157,7 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
                                             "[Logger] Unable to write into file \"%s\" because of %s", to.c_str(),
                                             error.c_str());
                 gzclose(gz.release());
-                return;
+                return false;
             }
             put += n;
         }
@@ -168,11 +176,11 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
         file_logger_impl_t::prepare(message, if_logger_t::INFO,
                                     "[Logger] Unable to write into file \"%s\" because of %s", to.c_str(),
                                     error.c_str());
-        return;
+        return false;
     }
     if (rename_retry(temp, to) == -1) {
         report_create_failure(to, message);
-        return;
+        return false;
     }
     partial.keep();
     close_once(out.release());
@@ -182,6 +190,7 @@ void compress_file(std::string const& from, std::string const& to, std::string& 
         file_logger_impl_t::prepare(message, if_logger_t::INFO, "[Logger] Unable to remove file \"%s\" because of %s",
                                     from.c_str(), get_last_error(saved).c_str());
     }
+    return false;
 }
 
 // The compression thread's entry in the thread registry: its lines show
@@ -214,7 +223,10 @@ void file_logger_impl_t::pack_main(pack_job_t* raw) {
         } catch (...) {
             // Unlisted, the thread shows as noname; the compression goes on.
         }
-        job->logger->pack(hold, job->from, job->to);
+        for (auto const& file : job->files) {
+            if (job->logger->stopping_.load(std::memory_order_relaxed)) break;
+            job->logger->pack(hold, file.first, file.second);
+        }
     }
     hold.reset();
 }
@@ -226,7 +238,9 @@ void file_logger_impl_t::pack(rotation_hold_t hold, std::string const& from, std
     try {
         std::string message;
         try {
-            compress_file(from, to, message);
+            if (compress_file(from, to, message, stopping_))
+                prepare(message, INFO, "[Logger] Compression of \"%s\" stopped as the logger ends; the next start "
+                        "finishes it", from.c_str());
         } catch (abi::__forced_unwind&) {
             throw;
         } catch (boost::thread_interrupted const&) {
@@ -245,6 +259,27 @@ void file_logger_impl_t::pack(rotation_hold_t hold, std::string const& from, std
         // is over all the same, and there is no one left to tell.
     }
     hold.reset();
+}
+
+void file_logger_impl_t::start_packing(std::unique_ptr<pack_job_t> job) {
+    // The thread takes no signals: those belong to the program's own
+    // threads, and it inherits the mask from here.
+    sigset_t all, old;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &old);
+    try {
+        pack_job_t* const raw = job.get();
+        boost::thread thread([raw] { pack_main(raw); });
+        job.release();
+        thread.detach();
+    } catch (std::exception const& e) {
+        std::string line;
+        prepare(line, FAULT, "[Logger] Unable to start compression of \"%s\" because of %s",
+                job->files.front().first.c_str(), e.what());
+        job.reset();
+        write_lines(line);
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
 }
 
 void file_logger_impl_t::wait_compression() {

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -586,7 +587,8 @@ TEST(FileLoggerLoad, LosslessWhileRotatingAndCompressing) {
             for (int i = 0; i < per_thread; ++i) l->log_INFO("load %d %07d", t, i);
         });
     for (auto& w : writers) w.join();
-    s.close();  // waits for the last compression
+    l->wait_compression();  // the end of the logger would stop it
+    s.close();
 
     std::string text = read_file(s.name);
     unsigned gz_files = 0;
@@ -652,15 +654,251 @@ TEST(FileLoggerLoad, NoDescriptorLeakAndSafeDestruction) {
     EXPECT_EQ(test_support::open_fds(), before + 1);
     s.close();
     EXPECT_EQ(test_support::open_fds(), before);
+}
 
-    // Destroyed while compressing 4 MiB: it waits; the .gz whole, plain gone.
+// --- the operator's tools ----------------------------------------------------------------------------------------
+
+std::string const k_moved = "[Logger] Log file was moved or replaced outside software and re-opened";
+
+// What another program does to the file, and how the logger learns of it (the check a second later, a request, or
+// reopen()): line a goes in before that, b after. Then a truncated file rotates by its real size.
+TEST(FileLoggerOperator, FollowsMovesReplacementsTruncationAndRequests) {
+    scene_t s(true);
+    std::string const away = s.dir + "/away.log";
+    enum { check, request, call };
+    struct { char const* what; int how; strings log, moved_away; } const rows[] = {
+        {"moved", check, {k_moved, "b"}, {"a"}},
+        {"moved, a new one made", check, {k_moved, "b"}, {"a"}},
+        {"replaced", check, {"other", k_moved, "b"}, {}},
+        {"truncated", check,
+         {"a", "[Logger] Log file was truncated outside software (copied away?), writing on at its end", "b"}, {}},
+        {"moved, requested", request, {k_moved, "a", "b"}, {}},
+        {"moved, reopen()", call, {k_moved, "a", "b"}, {}},
+        {"requested, unchanged", request, {"a", "b"}, {}}};
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.what);
+        std::remove(s.name.c_str()), std::remove(away.c_str());
+        file_logger_impl_t* l = s.open("3p,4k");
+        std::string const what = row.what;
+        if (what.compare(0, 5, "moved") == 0) std::rename(s.name.c_str(), away.c_str());
+        if (what == "moved, a new one made") std::ofstream(s.name).flush();
+        if (what == "replaced") std::ofstream(away) << "other\n", std::rename(away.c_str(), s.name.c_str());
+        if (what == "truncated") l->log_INFO("before"), fs::resize_file(s.name, 0);
+        if (row.how == request) file_logger_t::request_reopen();
+        if (row.how == call) file_logger_t::reopen(l);
+        l->log_INFO("a");
+        g_now += k_tps;
+        l->log_INFO("b");
+        EXPECT_EQ(file_bodies(s.name), row.log);
+        EXPECT_EQ(file_bodies(away), row.moved_away);
+    }
+
+    // Truncated within the second before a rotation: rotated at the limit of what the file holds, not of what was
+    // written.
     std::remove(s.name.c_str());
-    l = s.open("3z,4m");
-    rotate(1, "%08zu the quick brown fox %zu");
-    s.close();
-    EXPECT_FALSE(exists(name_of(s.name, 1, false)));
-    EXPECT_GE(kept(s.name, 1, true).size(), 4u << 20);
-    EXPECT_EQ(test_support::open_fds(), before);
+    file_logger_impl_t* l = s.open("3p,4k");
+    for (int i = 0; fs::file_size(s.name) < 3000; ++i) l->log_INFO("line %d", i);
+    fs::resize_file(s.name, 0);
+    for (int i = 0; !exists(name_of(s.name, 1, false)) && i < 1000; ++i) l->log_INFO("line %d", i);
+    EXPECT_GE(fs::file_size(name_of(s.name, 1, false)), 4096u);
+}
+
+// An operator's 0600 and group survive rotation: the new file, the kept one and the compressed ones.
+TEST(FileLoggerOperator, ModeAndGroupSurviveRotation) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to give the log to another group";
+    scene_t s;
+    file_logger_impl_t* l = s.open("4z,1k");
+    ASSERT_TRUE(chmod(s.name.c_str(), 0600) == 0 && chown(s.name.c_str(), 0, 65534) == 0);
+    for (int i = 0; !exists(name_of(s.name, 2, true)); ++i) l->log_INFO("line %d", i), l->wait_compression();
+    l->log_INFO("one more");
+    for (std::string const& f : {s.name, name_of(s.name, 1, true), name_of(s.name, 2, true)}) {
+        struct stat st;
+        ASSERT_EQ(stat(f.c_str(), &st), 0) << f;
+        EXPECT_EQ(st.st_mode & 07777, 0600u) << f;
+        EXPECT_EQ(st.st_gid, 65534u) << f;
+    }
+}
+
+// The sum of the kept files after 1,000 rotations stays within the cap and one file; every removal is told.
+TEST(FileLoggerOperator, KeptFilesCapHoldsAndRemovalsAreTold) {
+    scene_t s;
+    file_logger_impl_t* l = s.open("100000z,1k");
+    EXPECT_FALSE(file_logger_t::set_disk_limits(nullptr, 8192, -1));
+    EXPECT_TRUE(file_logger_t::set_disk_limits(l, 8192, -1) && l->kept_bytes_limit() == 8192);
+    int rotations = 0;
+    for (size_t i = 0, last = 0, size = 0; rotations < 1000; ++i, last = size) {
+        l->log_INFO("a line to fill the file quickly %06zu %zu", i, i * 7919);
+        size = size_t(fs::file_size(s.name));
+        rotations += size < last;
+    }
+    l->wait_compression();
+    q_int64_t total = 0, largest = 0;
+    for (auto const& e : fs::directory_iterator(s.dir)) {
+        if (e.path() == s.name) continue;
+        total += q_int64_t(e.file_size()), largest = std::max(largest, q_int64_t(e.file_size()));
+    }
+    EXPECT_LE(total, 8192 + largest);
+    // The latest files tell of removals (not every rotation needs one).
+    int told = 0;
+    for (std::string const& b : split_lines(read_file(s.name) + kept(s.name, 1, true) + kept(s.name, 2, true), true)) {
+        std::string const head = "[Logger] Removed old log file \"", tail = "\" to keep kept files within 8192 bytes";
+        if (b.compare(0, head.size(), head) != 0) continue;
+        ++told;
+        EXPECT_TRUE(b.size() > head.size() + tail.size() && b.compare(b.size() - tail.size(), tail.size(), tail) == 0)
+            << b;
+    }
+    EXPECT_GE(told, 1);
+}
+
+// A floor of free space on a private 512 KiB tmpfs: old files go first, then lines are dropped and counted, never
+// blocking, and the count is told when there is room again.
+TEST(FileLoggerOperator, FreeSpaceFloorRemovesThenDrops) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to mount a private tmpfs";
+    scene_t s(true);
+    test_support::expect_child_ok([&] {
+        if (!test_support::private_mounts(s.dir.c_str(), "size=512k")) return 77;
+        handler_t h;
+        file_logger_impl_t* l = s.open("100000p,16k");
+        l->insert_handler(&h);
+        file_logger_t::set_disk_limits(l, -1, 256 << 10);
+        for (int i = 0; i < 40000; ++i) {  // 2.3 MiB of lines through a 512 KiB disk
+            if (i % 100 == 0) g_now += k_tps;
+            l->log_INFO("line %07d", i);
+        }
+        EXPECT_TRUE(h.calls.empty()) << h.calls.at(0);
+        EXPECT_FALSE(exists(name_of(s.name, 1, false)) && exists(name_of(s.name, 20, false)));
+        EXPECT_NE(read_file(s.name).find("to keep 262144 bytes free\n"), std::string::npos);
+
+        std::ofstream(s.dir + "/filler") << std::string(300 << 10, 'f');
+        g_now += k_tps;
+        for (int i = 0; i < 100; ++i) l->log_INFO("dropped %d", i);
+        EXPECT_EQ(l->dropped_lines(), 100u);
+        std::remove((s.dir + "/filler").c_str());
+        g_now += k_tps;
+        l->log_INFO("back");
+        strings const tail = file_bodies(s.name);
+        EXPECT_EQ(strings(tail.end() - 3, tail.end()),
+                  (strings{"[Logger] Free space is below 262144 bytes, dropping lines until there is room",
+                           "[Logger] 100 lines were dropped while free space was below 262144 bytes", "back"}));
+        EXPECT_TRUE(h.calls.empty());
+        return int(testing::Test::HasFailure());
+    });
+}
+
+// Whether a temporary file of the compressed kept file 1 is there.
+bool packing(std::string const& name) {
+    std::string const temp = name_of(name, 1, true) + ".";
+    for (auto const& e : fs::directory_iterator(fs::path(name).parent_path()))
+        if (e.path().string().compare(0, temp.size(), temp) == 0) return true;
+    return false;
+}
+
+// Killed in the middle of a compression: the next start removes the half file and compresses again; ended while it
+// does that, the logger stops it between blocks and leaves the plain file; the start after that finishes. No line is
+// lost or doubled, and no half .gz ever bears the final name.
+TEST(FileLoggerOperator, CrashAndFastEndLeaveNoHalfGzip) {
+    scene_t s;
+    int const lines = 160000;  // 8 MiB rotated, the rest in the new file
+    pid_t const pid = fork();
+    if (pid == 0) {
+        file_logger_impl_t l(s.name.c_str(), "5z,8m", "");
+        for (int i = 0; i < lines; ++i) l.log_INFO("crash %07d", i);
+        while (!packing(s.name) && !exists(name_of(s.name, 1, true))) sched_yield();
+        kill(getpid(), SIGKILL);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    EXPECT_TRUE(packing(s.name) && exists(name_of(s.name, 1, false)) && !exists(name_of(s.name, 1, true)));
+
+    auto const begin = std::chrono::steady_clock::now();
+    {
+        file_logger_impl_t restarted(s.name.c_str(), "5z,8m", "");
+        while (!packing(s.name)) sched_yield();  // the stale file gone, the compression begun anew
+    }
+    double const ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count();
+    RecordProperty("end_while_compressing_ms", std::to_string(ms));
+    EXPECT_TRUE(!packing(s.name) && exists(name_of(s.name, 1, false)) && !exists(name_of(s.name, 1, true)));
+
+    file_logger_impl_t(s.name.c_str(), "5z,8m", "").wait_compression();
+    EXPECT_FALSE(packing(s.name) || exists(name_of(s.name, 1, false)));
+    strings got;
+    for (std::string const& b : split_lines(kept(s.name, 1, true) + read_file(s.name), true))
+        if (b.compare(0, 9, "[Logger] ") != 0) got.push_back(b);
+    std::sort(got.begin(), got.end());
+    strings want;
+    for (int i = 0; i < lines; ++i) want.push_back(q_format("crash %07d", i));
+    EXPECT_TRUE(got == want) << got.size() << " lines for " << want.size();
+    std::string const told = read_file(s.name);
+    EXPECT_NE(told.find("\" left unfinished by an earlier run\n"), std::string::npos);
+    EXPECT_NE(told.find("\" stopped as the logger ends; the next start finishes it\n"), std::string::npos);
+}
+
+// logrotate itself, with its own state file, rotates the log three times while four threads write numbered lines.
+// create: the daemon's recipe, postrotate sends SIGHUP, whose handler asks for a re-open; every line is then in
+// exactly one file. copytruncate: lines written between logrotate's copy and its truncation are lost by the way it
+// works, but none is doubled or torn apart, and the writers go on at the file's new start, with no hole of zeros.
+void sighup_reopen(int) { file_logger_t::request_reopen(); }
+
+int logrotate_child(std::string const& dir, char const* mode) {
+    std::string const name = dir + "/agent.log", conf = dir + "/logrotate.conf";
+    std::ofstream(conf) << name << " {\n  rotate 100\n  " << mode << "\n  nocompress\n  missingok\n"
+                        << (std::strcmp(mode, "create") == 0
+                                ? "  postrotate\n    kill -HUP " + std::to_string(getpid()) + "\n  endscript\n"
+                                : "")
+                        << "}\n";
+    struct sigaction sa = {};
+    sa.sa_handler = sighup_reopen;
+    sigaction(SIGHUP, &sa, nullptr);
+    std::unique_ptr<if_logger_t> l(file_logger_t::create(name.c_str(), "NONE"));
+    std::atomic<int> written{0};
+    std::atomic<bool> stop{false};
+    int counts[4] = {};
+    std::vector<std::thread> writers;
+    for (int t = 0; t < 4; ++t)
+        writers.emplace_back([&, t] {
+            for (; !stop; ++counts[t], ++written) l->log_INFO("rot %d %07d", t, counts[t]);
+        });
+    for (int run = 0; run <= 3; ++run) {
+        for (int const target = written + 20000; written < target;) sched_yield();
+        if (run < 3 && std::system(("/usr/sbin/logrotate -f -s " + dir + "/state " + conf).c_str()) != 0) return 2;
+    }
+    stop = true;
+    for (auto& w : writers) w.join();
+    l.reset();
+
+    std::string const text = read_file(name);
+    if (text.find('\0') != std::string::npos) return 3;
+    std::vector<std::vector<int>> seen(4);
+    for (int n = 0; n <= 3; ++n) {
+        std::string kept = n ? read_file(name + "." + std::to_string(n)) : text;
+        // A copy may end in the middle of a line that was being written: that line is in none of the files.
+        if (!kept.empty() && kept.back() != '\n') kept.erase(kept.rfind('\n') + 1);
+        for (std::string const& line : split_lines(kept)) {
+            int t = -1, i = -1;
+            if (body(line).compare(0, 9, "[Logger] ") == 0) continue;
+            if (std::sscanf(body(line).c_str(), "rot %d %d", &t, &i) != 2 || t < 0 || t > 3 || line.size() != 57)
+                return 4;  // a torn line
+            seen[size_t(t)].push_back(i);
+        }
+    }
+    for (int t = 0; t < 4; ++t) {
+        std::vector<int>& v = seen[size_t(t)];
+        std::sort(v.begin(), v.end());
+        if (std::adjacent_find(v.begin(), v.end()) != v.end()) return 5;  // doubled
+        if (std::strcmp(mode, "create") == 0 && v.size() != size_t(counts[t])) return 6;  // lost
+        if (v.empty() || v.back() != counts[t] - 1) return 7;  // the last line, in the file at its new start
+    }
+    return 0;
+}
+
+TEST(FileLoggerOperator, RealLogrotateCreateAndCopytruncate) {
+    if (access("/usr/sbin/logrotate", X_OK) != 0) GTEST_SKIP() << "logrotate is not installed";
+    for (char const* mode : {"create", "copytruncate"}) {
+        SCOPED_TRACE(mode);
+        scene_t s;
+        test_support::expect_child_ok([&] { return logrotate_child(s.dir, mode); });
+    }
 }
 
 }  // namespace

@@ -391,7 +391,8 @@ TEST(LoggerFork, WhileCompressing) {
             [&] {
                 kern_n::runnable_t::runnables_guard.unlock();  // held by this thread in the child too
                 for (int i = 3; i < 6; ++i) l->log_INFO("%d %s", i, line.c_str());
-                delete l;  // after its own compression
+                dynamic_cast<file_logger_impl_t&>(*l).wait_compression();  // its own only
+                delete l;
                 return std::filesystem::exists(dir / "agent.1.log.gz") ? 0 : 2;
             },
             true);
