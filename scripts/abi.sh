@@ -4,7 +4,7 @@
 # objects and the types they reach, read from the debug information).
 #   usage: scripts/abi.sh check   [build-dir]   fail when the built library differs from the record
 #          scripts/abi.sh update  [build-dir]   record the built library's interface
-#          scripts/abi.sh symbols [build-dir]   print the exported symbols (to close a version node)
+#          scripts/abi.sh symbols [build-dir]   print the symbols of the QVLKERN_ nodes (to close one)
 # The build folder is build/release by default (scripts/test.sh builds it).
 #
 # check fails on every difference, printing abidiff's report:
@@ -68,7 +68,9 @@ case "$mode" in
     exit 1
     ;;
   symbols)
-    readelf -W --dyn-syms "$lib" | awk 'NR > 3 && $7 != "UND" && $8 ~ /@@/ { sub(/@@.*/, "", $8); print $8 }' | sort -u
+    # as the lines of a version node's global list (README, "ABI")
+    readelf -W --dyn-syms "$lib" |
+        awk 'NR > 3 && $7 != "UND" && $8 ~ /@@QVLKERN_/ { sub(/@@.*/, "", $8); print "    " $8 ";" }' | sort -u
     ;;
   *)
     echo "usage: scripts/abi.sh check|update|symbols [build-dir]" >&2
