@@ -14,7 +14,7 @@ for what in "$@"; do
     bench) pkgs+=(libbenchmark-dev libspdlog-dev) ;;
     fuzz) pkgs+=(clang libclang-rt-14-dev) ;;
     abi) pkgs+=(abigail-tools binutils) ;;
-    package) pkgs+=(dpkg-dev fakeroot lintian file binutils) ;;
+    package) pkgs+=(dpkg-dev lintian file binutils) ;;
     *) echo "deps.sh: unknown set '$what'" >&2; exit 2 ;;
   esac
 done

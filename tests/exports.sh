@@ -15,6 +15,7 @@
 #    standard library, Boost, the GNU extensions or another reserved name,
 #    it is not the type information of a pointer or built-in type, and an
 #    unmangled (C) name is one of the entry points and global objects below;
+#  - none has unique binding (STB_GNU_UNIQUE), which would pin the library;
 #  - every symbol of ours that the objects define with default visibility
 #    is exported: the version script hides nothing the headers export.
 # Each failure lists the symbols, demangled, and the check exits 1.
@@ -72,6 +73,11 @@ foreign='^(std|boost|__.*|_[A-Z].*|icu_[0-9]+|type|\?) '
 
 soname=$(readelf -d "$lib" | sed -n 's/.*Library soname: \[\(.*\)\]/\1/p')
 [[ "$soname" == libqvlkern.so.1 ]] || { echo "FAIL: SONAME is '$soname', not libqvlkern.so.1" >&2; status=1; }
+
+# A process-unique (STB_GNU_UNIQUE) symbol keeps dlclose from unmapping the
+# library: hide it, or build its code with -fno-gnu-unique.
+fail "exported with unique binding (pins the library at dlclose)" < <(
+    readelf -W --dyn-syms "$lib" | awk 'NR > 3 && $5 == "UNIQUE" && $7 != "UND" { sub(/@.*/, "", $8); print $8 }')
 
 # defined dynamic symbols as name@@version; the version's own entry has none
 exported=$(readelf -W --dyn-syms "$lib" | awk 'NR > 3 && $7 != "UND" && $8 != "" { print $8 }')
