@@ -5,7 +5,7 @@
 # and without the two scripts, which do nothing else.
 foreach(deb IN LISTS CPACK_PACKAGE_FILES)
   get_filename_component(name ${deb} NAME)
-  if(NOT name MATCHES "^libqvlkern1_")
+  if(NOT name MATCHES "^libqvlkern1_.*\\.deb$")
     continue()
   endif()
   set(tree ${deb}.tree)
