@@ -67,8 +67,8 @@ owners() {
     { print owner($1), $1 }'
 }
 
-# what sanitizers add (AddressSanitizer's ODR indicators) is theirs
-sanitizer='^__(odr_asan|asan|ubsan|tsan|sancov)'
+# what sanitizers and coverage add (ODR indicators, counter sections) is theirs
+sanitizer='^__(odr_asan|asan|ubsan|tsan|sancov|start___sancov|stop___sancov)'
 foreign='^(std|boost|__.*|_[A-Z].*|icu_[0-9]+|type|\?) '
 
 soname=$(readelf -d "$lib" | sed -n 's/.*Library soname: \[\(.*\)\]/\1/p')
