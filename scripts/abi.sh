@@ -31,11 +31,13 @@ if ! readelf -S "$lib" | grep -q '\.debug_info'; then
 fi
 
 # Only the interface declared in include/ counts; parameter names, source
-# locations and build paths are not part of it.
+# locations and build paths are not part of it (the sources' paths are
+# made relative to the tree, so that every checkout writes the same record).
 describe() {
     abidw --headers-dir include --drop-private-types --exported-interfaces-only \
           --no-show-locs --no-comp-dir-path --no-corpus-path --no-parameter-names \
           --type-id-style hash --out-file "$1" "$lib"
+    sed -i "s|path='$PWD/|path='|" "$1"
 }
 
 case "$mode" in
