@@ -2,7 +2,7 @@
 # Makes sure the Debian packages needed to build and test qvlkern are
 # installed. As root it installs what is missing; otherwise it prints the
 # one apt-get line to run and fails.
-#   usage: scripts/deps.sh [build|test|bench|fuzz]...
+#   usage: scripts/deps.sh [build|test|bench|fuzz|abi|package]...
 set -euo pipefail
 
 pkgs=(cmake make g++ pkg-config libboost-dev libboost-thread-dev libboost-system-dev
@@ -13,6 +13,8 @@ for what in "$@"; do
     test) pkgs+=(libgtest-dev libgmock-dev logrotate) ;;
     bench) pkgs+=(libbenchmark-dev libspdlog-dev) ;;
     fuzz) pkgs+=(clang libclang-rt-14-dev) ;;
+    abi) pkgs+=(abigail-tools binutils) ;;
+    package) pkgs+=(dpkg-dev lintian file binutils) ;;
     *) echo "deps.sh: unknown set '$what'" >&2; exit 2 ;;
   esac
 done
