@@ -267,7 +267,8 @@ TEST(Runnable, SetSelfNameListsRenamesAndLeavesAtThreadEnd) {
         std::vector<std::string> listing;
         std::thread([&] {
             std::unique_ptr<entry_t> given(adopted ? new entry_t("given") : nullptr);
-            std::unique_ptr<runnable_t::wrap_helper_t> adopt(adopted ? new runnable_t::wrap_helper_t(given.get()) : nullptr);
+            std::unique_ptr<runnable_t::wrap_helper_t> adopt(adopted ? new runnable_t::wrap_helper_t(given.get())
+                                                                     : nullptr);
             runnable_t* const e = runnable_t::set_self_name("first");
             EXPECT_EQ(adopted ? given.get() : e, runnable_t::self());
             log->log_INFO("one");

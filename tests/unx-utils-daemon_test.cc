@@ -249,9 +249,9 @@ TEST(Daemon, WatchdogIntervalFromTheEnvironment) {
             EXPECT_EQ(c.ticks, kern::daemon::watchdog_interval().ticks()) << c.usec << " " << (c.pid ? c.pid : "-");
         });
         if (c.ticks != fails) continue;
-        EXPECT_THAT(why, AnyOf(StartsWith("WATCHDOG_USEC \"" + std::string(c.usec) + "\" is not a number of "
-                                          "microseconds from 1 to 92233720368547758"),
-                               StartsWith("WATCHDOG_PID \"" + std::string(c.pid ? c.pid : "") + "\" is not a process id")));
+        std::string const usec = c.usec, pid = c.pid ? c.pid : "";
+        std::string const range = "\" is not a number of microseconds from 1 to 92233720368547758";
+        EXPECT_THAT(why, AnyOf("WATCHDOG_USEC \"" + usec + range, "WATCHDOG_PID \"" + pid + "\" is not a process id"));
     }
     unsetenv("WATCHDOG_USEC");
     unsetenv("WATCHDOG_PID");
