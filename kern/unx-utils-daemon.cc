@@ -178,9 +178,10 @@ unsigned termination_waiter_t::hangups() const noexcept { return impl_->hangups.
 
 int termination_waiter_t::wait(timegap_t timeout) {
     bool const endless = timeout.is_infinite();
-    std::int64_t const ns = timeout.value > INT64_MAX / 10 ? INT64_MAX : timeout.value * 10;
+    // A negative time-out is over at once; one too long to count waits for ever.
+    std::int64_t const ns = timeout.value <= 0 ? 0 : timeout.value > INT64_MAX / 10 ? INT64_MAX : timeout.value * 10;
     std::int64_t deadline = 0;
-    if (!endless && __builtin_add_overflow(monotonic_ns(), ns < 0 ? 0 : ns, &deadline)) deadline = INT64_MAX;
+    if (!endless && __builtin_add_overflow(monotonic_ns(), ns, &deadline)) deadline = INT64_MAX;
     int const wake_fd = impl_->token.impl_->wake_fd;
     for (;;) {
         while (impl_->take_signal()) continue;
