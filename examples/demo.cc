@@ -3,6 +3,7 @@
 #include <qvlkern/kern.h>
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -299,17 +300,6 @@ void log_resources(char const* when) {
                   kilobytes(vm.vm_rss, true).c_str(), kern_n::runnable_t::handles_count());
 }
 
-// The main thread's own registry entry, so that its log lines carry a name.
-class main_entry_t : public kern_n::runnable_t {
-public:
-    main_entry_t() : runnable_t(deferred_t()) {
-        set_name("main");
-        register_in_list();
-    }
-    ~main_entry_t() override { deregister_from_list(); }
-    char const* type() const override { return "main"; }
-};
-
 void run_workers() {
     section("threads");
     log_resources("before workers");
@@ -331,6 +321,43 @@ void run_workers() {
     }
     workers.clear();  // an entry stays listed while its object lives
     log_resources("after workers");
+}
+
+// --- a daemon's life -------------------------------------------------------
+
+// The waiter is built before the worker, which inherits its blocked signals
+// and stops on its token; the demo then stops itself with SIGTERM, as
+// "systemctl stop" would. The notifications do nothing outside systemd.
+void daemon_life() {
+    section("daemon: termination waiter, stop token, service manager");
+    kern::daemon::termination_waiter_t waiter;  // SIGHUP would re-open the log files
+    kern::daemon::stop_token_t const stop = waiter.token();
+    lwp_t::shared ticker = lwp_t::start(
+        "ticker",
+        [stop] {
+            while (!stop.wait(timegap_t(10, -3))) continue;  // a piece of work every 10 ms would go here
+            if_logger_t::Log->log_INFO("ticker stops: signal %d", stop.reason());
+        },
+        false);
+    bool const managed = kern::daemon::notify_ready();
+    kern::daemon::notify_status("demo working");
+    std::string dog = "none";
+    try {
+        timegap_t const interval = kern::daemon::watchdog_interval();
+        if (interval.ticks() != 0) dog = "every " + elapsed_time(interval) + " s";
+    } catch (q_exception_t_shell_t const& e) {
+        dog = e.what();
+    }
+    std::printf("  service manager: %s, watchdog: %s\n", managed ? "notified" : "none", dog.c_str());
+    int const first = waiter.wait(timegap_t(50, -3));
+    bool const timed_out = first == kern::daemon::termination_waiter_t::timed_out;
+    std::printf("  waited 50 ms: %s\n", timed_out ? "timed out" : "stopped");
+    ::kill(::getpid(), SIGTERM);
+    int const sig = waiter.wait();
+    kern::daemon::notify_stopping();
+    bool const joined = ticker->join(timegap_t(10, 0));
+    std::printf("  stopped by signal %d (%s); ticker joined: %s\n", sig, q_signalname(sig),
+                joined ? "yes" : "timed out");
 }
 
 // --- commands ------------------------------------------------------------
@@ -420,6 +447,7 @@ int main(int argc, char** argv) {
     // A fault from here on leaves its report, with the stack, on stderr.
     unixtrap(true);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);  // keep stdout in step with the log on stderr
+    kern_n::runnable_t::set_self_name("main");  // log lines show "main", not "noname"
     options_t opts;
     if (!parse_command_line(argc, argv, opts)) return opts.help ? 0 : 2;
     kern::runtime::exec_time_t timer;
@@ -435,13 +463,12 @@ int main(int argc, char** argv) {
     show_quoting();
     show_unicode();
     identifiers_and_files();
-    main_entry_t main_entry;
-    kern_n::runnable_t::wrap_helper_t adopt_main(&main_entry);
     int chain_fd = start_logging(opts.verbose);
     // The start-up report: host, system, account, load and this command line.
     platform_t::base.info(argc, argv, nullptr);
     rotating_log();
     run_workers();
+    daemon_life();
     run_commands();
     load_modules();
     log_syncers_stat();

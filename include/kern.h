@@ -25,6 +25,7 @@
 #include "time-objs.h"
 #include "unicode.h"
 #include "unx-utils-alloc.h"
+#include "unx-utils-daemon.h"
 #include "unx-utils-signal.h"
 #include "unx-utils.h"
 #include "utilities-exec.h"

@@ -10,10 +10,17 @@
 // resource readers report the process's CPU, paging, I/O, memory and
 // descriptor figures for the statistics reports.
 //
-// Light-weight processes (lwp.h) are the usual entries. A thread that the
-// library did not start adopts an entry of its own for a scope; the class
-// that completes the entry lists it last thing in its constructor and takes
-// it out first thing in its destructor:
+// Light-weight processes (lwp.h) are the usual entries. Any other thread,
+// the program's main thread first of all, names itself with one call; do it
+// before init_logger so that the very first lines carry the name:
+//
+//   int main() {
+//       kern_n::runnable_t::set_self_name("main");   // logs show "main"
+//       init_logger("INFO", "/var/log/agent.log", "10z,10m", nullptr);
+//
+// A thread that needs an entry of its own kind adopts it for a scope; the
+// class that completes the entry lists it last thing in its constructor and
+// takes it out first thing in its destructor:
 //
 //   struct main_entry_t : kern_n::runnable_t {
 //       main_entry_t() { set_name("main"); register_in_list(); }
@@ -54,6 +61,14 @@
 //  - vm_usage logs its failures at the DEBUG class, like io_usage.
 //  - blocked_signals is the set a daemon keeps off its worker threads
 //    (pthread_sigmask on its own threads); the library only provides it.
+//  - set_self_name gives a thread without an entry one of the library's
+//    own (type "main" on the process's main thread, "thread" elsewhere),
+//    owned by a thread_local holder: when the thread ends, and for the main
+//    thread when the process exits (before the library's teardown), the
+//    holder runs the thread's clean-up (cleanup_all, as an adopted thread's
+//    scope end does) and takes the entry out and frees it. The kernel's
+//    name of the thread (comm) is left alone: on the main thread it is the
+//    process's name, which ps, pkill and the journal show.
 //  - get_key and set_key are static: they act on the calling thread's store,
 //    whichever entry they are called through.
 //  - runnables_guard, unknown_name and kern_runnable_sleep_event refer to
@@ -179,6 +194,12 @@ public:
     // The calling thread's entry name, or unknown_name; valid while the
     // entry keeps its name.
     static lstr_t self_name() noexcept;
+    // Names the calling thread: its entry is renamed, or, for a thread
+    // without one, an entry of the library's own is made, listed and
+    // adopted, and goes when the thread ends. Loggers show the name from the
+    // next line on. Answers the thread's entry. Throws thread_exception when
+    // the thread's ids or its slot cannot be had.
+    static runnable_t* set_self_name(std::string const& n);
 
     // The object stored under name in the calling thread's store, or null.
     static if_root_t* get_key(char const* name);

@@ -117,6 +117,33 @@ void empty_store(store_t* s) noexcept {
     }
 }
 
+// --- a thread's own entry ----------------------------------------------------------
+
+// The entry set_self_name makes for a thread that has none.
+class own_entry_t final : public runnable_t {
+public:
+    explicit own_entry_t(char const* kind) : kind_(kind) {}
+    ~own_entry_t() override { deregister_from_list(); }
+    char const* type() const override { return kind_; }
+
+private:
+    char const* const kind_;
+};
+
+// Owns the calling thread's own entry. Its destructor runs when the thread
+// ends; for the main thread, when the process exits, before the statics'
+// teardown (the registry's guard is never destroyed in any case).
+struct own_entry_holder_t {
+    own_entry_t* entry = nullptr;
+    ~own_entry_holder_t() {
+        if (!entry) return;
+        // Still the thread's entry: end the thread as an adopted one ends.
+        if (runnable_t::self() == entry) runnable_t::cleanup_all();
+        delete entry;
+    }
+};
+thread_local own_entry_holder_t t_own_entry;
+
 // --- /proc and the kernel --------------------------------------------------------
 
 // Reads a small file whole; false with errno set on failure.
@@ -292,6 +319,30 @@ runnable_t* runnable_t::self() noexcept { return static_cast<runnable_t*>(pthrea
 lstr_t runnable_t::self_name() noexcept {
     runnable_t const* const e = self();
     return e ? lstr_t(e->name) : lstr_t(unknown_name);
+}
+
+runnable_t* runnable_t::set_self_name(std::string const& n) {
+    if (runnable_t* const e = self()) {
+        e->set_name(n);
+        return e;
+    }
+    own_entry_holder_t& holder = t_own_entry;  // first use registers its destructor
+    if (!holder.entry) {
+        bool const main_thread = current_tid() == ::getpid();
+        std::unique_ptr<own_entry_t> fresh(new own_entry_t(main_thread ? "main" : "thread"));
+        fresh->set_ids();
+        fresh->set_name(n);
+        fresh->register_in_list();
+        holder.entry = fresh.release();
+    } else {
+        holder.entry->set_name(n);
+    }
+    int const rc = pthread_setspecific(self_key, holder.entry);
+    if (rc != 0) {
+        set_last_error(rc);
+        QVL_THROW(thread_exception, "unable to name thread \"%s\" because of %s", n.c_str(), get_last_error().c_str());
+    }
+    return holder.entry;
 }
 
 if_root_t* runnable_t::get_key(char const* name) {

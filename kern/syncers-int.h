@@ -1,5 +1,5 @@
-// syncers-int.h: locks that stay usable in the children of fork(); not
-// exported.
+// syncers-int.h: locks that stay usable in the children of fork(), and the
+// deadline of a relative wait; not exported.
 //
 // A child of fork() has only the thread that forked. A lock that another
 // thread of the parent held at that moment stays held in the child for
@@ -38,6 +38,10 @@ void fork_forget(mutex_t& m) noexcept;
 // compression of a rotated log holds one for as long as it runs).
 rwlock_t& fork_safe(rwlock_t& l) noexcept;
 void fork_forget(rwlock_t& l) noexcept;
+
+// Where a relative wait of a finite time-out ends (for ever when the sum
+// would pass the last tick).
+timestamp_t deadline_after(timegap_t timeout) noexcept;
 
 }  // namespace detail
 }  // namespace syncers

@@ -325,19 +325,15 @@ bool condvar_t::wait(mutex_t& m, timestamp_t deadline) {
     condvar_wait_failed(true, rc);
 }
 
-namespace {
-
-// Where a relative wait of a finite time-out ends. A time-out that takes it
-// past the last tick waits for ever: the wrapped sum would be long past.
-timestamp_t deadline_after(timegap_t timeout) noexcept {
+// A time-out that takes the deadline past the last tick waits for ever: the
+// wrapped sum would be long past.
+timestamp_t sd::deadline_after(timegap_t timeout) noexcept {
     q_int64_t end;
     if (__builtin_add_overflow(kern::time::now().value, timeout.value, &end)) {
         return timeout.value > 0 ? timestamp_t::infinite() : timestamp_t();
     }
     return timestamp_t(end);
 }
-
-}  // namespace
 
 // --- semaphore_t --------------------------------------------------------------------
 
@@ -370,7 +366,7 @@ bool semaphore_t::wait(timestamp_t deadline) {
 
 bool semaphore_t::wait(timegap_t timeout) {
     sd::count(sd::semaphore_take);
-    if (!timeout.is_infinite()) return wait(deadline_after(timeout));
+    if (!timeout.is_infinite()) return wait(sd::deadline_after(timeout));
     hold_t hold(lock);
     while (count == 0) lock.wait();
     --count;
@@ -429,7 +425,7 @@ bool event_t::wait(timestamp_t deadline) {
 
 bool event_t::wait(timegap_t timeout) {
     sd::count(sd::event_take);
-    if (!timeout.is_infinite()) return wait(deadline_after(timeout));
+    if (!timeout.is_infinite()) return wait(sd::deadline_after(timeout));
     hold_t hold(lock);
     while (!signalled) lock.wait();
     if (!manual_reset) signalled = false;

@@ -250,3 +250,39 @@ TEST(Runnable, ResourceFigures) {
 
     runnable_t::sleep(timegap_t(1, -3));  // nothing signals its event: the whole gap
 }
+
+// One call names a thread: one without an entry gets an entry of its own, listed and shown in its log lines until the
+// thread ends; one with an entry has that entry renamed. The main thread's own entry goes at exit (in a child, which
+// checks the list from an exit handler, which runs after the threads' own clean-up).
+TEST(Runnable, SetSelfNameListsRenamesAndLeavesAtThreadEnd) {
+    if (!test_support::in_child()) return;
+    std::atexit([] {
+        if (!runnable_t::runnables.empty()) _exit(3);
+    });
+    EXPECT_STREQ("main", runnable_t::set_self_name("boss")->type());
+    test_support::temp_dir_t dir;
+    int const fd = open((dir / "log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    std::unique_ptr<if_logger_t> log(fd_logger_t::create(fd));
+    for (bool const adopted : {false, true}) {
+        std::vector<std::string> listing;
+        std::thread([&] {
+            std::unique_ptr<entry_t> given(adopted ? new entry_t("given") : nullptr);
+            std::unique_ptr<runnable_t::wrap_helper_t> adopt(adopted ? new runnable_t::wrap_helper_t(given.get())
+                                                                     : nullptr);
+            runnable_t* const e = runnable_t::set_self_name("first");
+            EXPECT_EQ(adopted ? given.get() : e, runnable_t::self());
+            log->log_INFO("one");
+            EXPECT_EQ(e, runnable_t::set_self_name("second name"));
+            log->log_INFO("two");
+            runnable_t::running_list(listing);
+        }).join();
+        std::string const kind = adopted ? "test" : "thread";
+        EXPECT_THAT(listing, ElementsAre(StartsWith("main#"), MatchesRegex(kind + "#[0-9/]+ \"second name\"")));
+        std::vector<std::string> after;
+        runnable_t::running_list(after);
+        EXPECT_THAT(after, ElementsAre(MatchesRegex("main#[0-9/]+ boss")));
+    }
+    log.reset();
+    close(fd);
+    EXPECT_THAT(dir.read("log"), MatchesRegex("(.*\\] first  one\n.*\\] second name two\n){2}"));
+}
