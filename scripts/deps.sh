@@ -10,7 +10,7 @@ pkgs=(cmake make g++ pkg-config libboost-dev libboost-thread-dev libboost-system
 for what in "$@"; do
   case "$what" in
     build) ;;
-    test) pkgs+=(libgtest-dev libgmock-dev logrotate) ;;
+    test) pkgs+=(libgtest-dev libgmock-dev logrotate python3-clang-14) ;;
     bench) pkgs+=(libbenchmark-dev libspdlog-dev) ;;
     fuzz) pkgs+=(clang libclang-rt-14-dev) ;;
     abi) pkgs+=(abigail-tools binutils) ;;

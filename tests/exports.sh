@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Checks the shared library's dynamic symbol table against what the
 # library means to export.
-#   usage: tests/exports.sh <libqvlkern.so> <libqvlkern_static.a>
+#   usage: tests/exports.sh <libqvlkern.so> <libqvlkern_static.a> <include dir>
 #
 # The static archive holds the same objects as the shared library, before
 # the version script: every symbol they define with default visibility is
@@ -17,10 +17,14 @@
 #    unmangled (C) name is one of the entry points and global objects below;
 #  - none has unique binding (STB_GNU_UNIQUE), which would pin the library;
 #  - every symbol of ours that the objects define with default visibility
-#    is exported: the version script hides nothing the headers export.
+#    is exported: the version script hides nothing the headers export;
+#  - the headers' declarations and the exports agree (exports-headers.py,
+#    which reads the headers with clang): every declaration the library
+#    defines is exported unless QVL_HIDDEN, and every exported function or
+#    object is declared in a header.
 # Each failure lists the symbols, demangled, and the check exits 1.
 set -eu  # no pipefail: a grep that finds nothing is the good case
-lib=$1 archive=$2
+lib=$1 archive=$2 include=$3
 
 # The unmangled names: the C entry points, the allocation functions (when
 # the library wraps them; they carry the C library's version, as they stand
@@ -100,6 +104,16 @@ declared=$(readelf -W -s "$archive" |
     awk '$5 ~ /^(GLOBAL|WEAK|UNIQUE)$/ && $6 == "DEFAULT" && $7 != "UND" && $4 != "FILE" { print $8 }' | grep -Ev "$sanitizer" | sort -u)
 fail "exported by the headers (QVL_API) but hidden in the shared library" < <(
     owners <<<"$declared" | grep -vE "$foreign" | cut -d' ' -f2 | sort -u | comm -23 - <(cat <<<"$names"))
+
+# the headers against the exports, in both directions
+scratch=$(mktemp -d); trap 'rm -rf "$scratch"' EXIT
+printf '%s\n' "$names" >"$scratch/exported"
+readelf -W -s "$archive" | awk '$5 ~ /^(GLOBAL|WEAK|UNIQUE)$/ && $7 != "UND" && $4 != "FILE" { print $8 }' |
+    sort -u >"$scratch/defined"
+/usr/bin/python3 "$(dirname "$0")/exports-headers.py" "$include" "$scratch/exported" "$scratch/defined" |
+    c++filt >"$scratch/report"
+[[ ${PIPESTATUS[0]} -eq 0 ]] || status=1
+cat "$scratch/report" >&2
 
 [[ $status -eq 0 ]] && echo "ok: $(wc -l <<<"$names") symbols, all ours, all QVLKERN_1.0 (the allocation functions GLIBC_2.2.5)"
 exit $status
