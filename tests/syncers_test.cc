@@ -142,10 +142,9 @@ TEST(Syncers, SemaphoreQuirksTimeoutsAndHammer) {
     EXPECT_EQ(d::semaphore::take - t0, 5u);
     EXPECT_FALSE(none.wait(ms(5)));  // a finite relative wait counts twice
     EXPECT_EQ(d::semaphore::take - t0, 7u);
-    EXPECT_FALSE(none.wait(kern::time::now() + ms(5)));
     none.post();
     EXPECT_TRUE(none.wait(timegap_t::infinite()));
-    EXPECT_EQ(d::semaphore::take - t0, 9u);
+    EXPECT_EQ(d::semaphore::take - t0, 8u);
 
     // Two producers, a blocking and a polling consumer: each unit once.
     int const per = 3000;
@@ -187,7 +186,6 @@ TEST(Syncers, EventWakesOneWaiterPerSignal) {
     // Auto-reset ping-pong: each signal lets exactly one wait through.
     event_t ping(true, false), pong(false, false);
     EXPECT_TRUE(ping.try_wait() && !ping.try_wait());
-    EXPECT_FALSE(pong.wait(kern::time::now() + ms(5)));
     int const rounds = 2000;
     std::atomic<int> worked(0), lost(0);
     std::thread partner([&] {
