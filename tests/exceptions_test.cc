@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <memory>
 #include <string>
 #include <thread>
@@ -34,9 +33,7 @@ void collect(void* ctx, char const* text, char const* file, int line) {
 }
 
 std::string hex(void const* p) {
-    char buf[32];
-    std::snprintf(buf, sizeof buf, "0x%016llX", static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(p)));
-    return buf;
+    return q_format("0x%016llX", static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(p)));
 }
 
 // What fn writes on standard output.
