@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <new>
@@ -18,18 +17,11 @@
 #include <gtest/gtest.h>
 
 #include "exceptions.h"
-#include "fs-stat.h"
 #include "test-support.h"
 
 namespace {
 
 std::string err(int code) { return std::string(std::strerror(code)) + " (errno=" + std::to_string(code) + ")"; }
-
-std::string slurp(std::string const& path) {
-    std::string s;
-    read_entire_file(s, path.c_str());
-    return s;
-}
 
 using test_support::open_fds;
 using scene_t = test_support::temp_dir_t;
@@ -70,7 +62,9 @@ TEST(FileHelpers, ContentsRoundTripWhateverTheSize) {
             EXPECT_EQ(part, "p" + data.substr(n / 2)) << n;
         }
     }
-    EXPECT_EQ(slurp("/proc/self/comm"), "filestr_test\n");  // a size of 0 that is not the end
+    std::string comm;
+    read_entire_file(comm, "/proc/self/comm");
+    EXPECT_EQ(comm, "filestr_test\n");  // a size of 0 that is not the end
 }
 
 TEST(FileHelpers, ModesFlagsAndLinks) {
@@ -95,14 +89,14 @@ TEST(FileHelpers, ModesFlagsAndLinks) {
         struct stat st;
         ASSERT_EQ(stat(f.c_str(), &st), 0);
         EXPECT_EQ(st.st_mode & 07777, c.mode) << c.flags;
-        EXPECT_EQ(slurp(f), c.want) << c.flags;
+        EXPECT_EQ(s.read("m"), c.want) << c.flags;
     }
     umask(mask);
     // Without append the old file is removed, not overwritten: a hard link keeps it.
     lstr2file(s / "m", "old", 0);
     ASSERT_EQ(link((s / "m").c_str(), (s / "keep").c_str()), 0);
     lstr2file(s / "m", "fresh", 0);
-    EXPECT_EQ(slurp(s / "keep"), "old");
+    EXPECT_EQ(s.read("keep"), "old");
 
     // A link is followed only when it is the writer's (or root's); another user's is refused.
     lstr2file(s / "target", "t", 0);
@@ -113,11 +107,11 @@ TEST(FileHelpers, ModesFlagsAndLinks) {
     EXPECT_EQ(outcome([&] { lstr2file(s / "foreign", "+x", kern::file::append); }),
               "io_error unable to open file \"" + s / "foreign" + "\" because of " + err(ELOOP));
     lstr2file(s / "foreign", "replaced", 0);  // the link itself goes
-    EXPECT_EQ(slurp(s / "target"), "t+own");
-    EXPECT_EQ(slurp(s / "foreign"), "replaced");
+    EXPECT_EQ(s.read("target"), "t+own");
+    EXPECT_EQ(s.read("foreign"), "replaced");
 
     lstr2file(s / "a/b/c.txt", "deep", kern::file::create_path);
-    EXPECT_EQ(slurp(s / "a/b/c.txt"), "deep");
+    EXPECT_EQ(s.read("a/b/c.txt"), "deep");
     kern_n::create_path_to_file(s / "x/y/z.txt");  // creates x, then x/y
     struct stat st;
     EXPECT_TRUE(stat((s / "x/y").c_str(), &st) == 0 && S_ISDIR(st.st_mode) && (st.st_mode & 0777) == (0755 & ~022));
@@ -222,7 +216,7 @@ TEST(FileHelpers, FullAndReadOnlyFileSystem) {
     EXPECT_EQ(outcome([&] { lstr2file(s / "x/y/f", "f", kern::file::create_path); }),
               "io_error unable to open file " + q + s / "x/y/f" + q + " because of unable to create directory <" +
                   s / "x" + "> because of " + err(EROFS));
-    EXPECT_EQ(slurp(big).size(), 64u << 10);  // what fitted stays
+    EXPECT_EQ(s.read("big").size(), 64u << 10);  // what fitted stays
     umount(s.path.c_str());
 }
 

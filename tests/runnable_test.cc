@@ -99,7 +99,6 @@ TEST(Runnable, RegistrationOrderAndSingleMembership) {
     {
         entry_t a, b, c;
         EXPECT_TRUE(a.seq_id == first && c.seq_id == first + 2) << a.seq_id;
-        EXPECT_TRUE(a.name == "noname" && a.tid == 0 && a.pid == 0 && a.cpu_clock == 0 && a.handle == ~q_uint64_t(0));
         EXPECT_EQ((std::vector<runnable_t const*>{&a, &b, &c}), listed());
         a.register_in_list();  // moved to the end, never listed twice
         EXPECT_EQ((std::vector<runnable_t const*>{&b, &c, &a}), listed());

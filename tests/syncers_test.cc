@@ -75,39 +75,36 @@ static void check_rwlock(bool writers_first) {
 }
 
 TEST(Syncers, MutexCountsExactlyBeyondTheSlotsAndReportsErrors) {
-    q_uint64_t const c0 = d::mutex::ctor, dt0 = d::mutex::dtor, t0 = d::mutex::take, f0 = d::mutex::free;
+    q_uint64_t const t0 = d::mutex::take, f0 = d::mutex::free;
     d::counter_t const snapshot = d::mutex::take;
-    {
-        // More threads alive at once than there are counter slots, twice: the last ones share a slot, the second
-        // generation takes over slots the first gave back. Not a count may be lost.
-        mutex_t m;
-        long inside = 0;  // counted under m: a lost exclusion loses updates
-        int const threads = 160, rounds = 50;
-        for (int generation = 1; generation <= 2; ++generation) {
-            on_threads(threads, [&](int) {
-                for (int i = 0; i < rounds; ++i)
-                    if (i % 5 == 0 ? m.try_xlock() : (m.xlock(), true)) ++inside, m.unlock();
-            });
-            EXPECT_EQ(d::mutex::take - t0, static_cast<q_uint64_t>(generation * threads * rounds));
-            EXPECT_EQ(d::mutex::free - f0, static_cast<q_uint64_t>(inside));
-        }
-        EXPECT_EQ(snapshot.load(), t0);  // a copy keeps its moment
-
-        m.xlock();
-        q_uint64_t const t1 = d::mutex::take;
-        std::thread([&] { EXPECT_FALSE(m.try_xlock()); }).join();  // busy elsewhere: false, and still one more take
-        EXPECT_EQ(d::mutex::take - t1, 1u);
-        EXPECT_EQ(thrown([&] { m.xlock(); }), "unable to lock mutex because of " + sys_text(EDEADLK));
-        m.unlock();
-#ifndef __SANITIZE_THREAD__  // which reports the misuse itself
-        EXPECT_EQ(thrown([&] { m.unlock(); }), "unable to unlock mutex because od " + sys_text(EPERM));
-#endif
+    // More threads alive at once than there are counter slots, twice: the last ones share a slot, the second
+    // generation takes over slots the first gave back. Not a count may be lost.
+    mutex_t m;
+    long inside = 0;  // counted under m: a lost exclusion loses updates
+    int const threads = 160, rounds = 50;
+    for (int generation = 1; generation <= 2; ++generation) {
+        on_threads(threads, [&](int) {
+            for (int i = 0; i < rounds; ++i)
+                if (i % 5 == 0 ? m.try_xlock() : (m.xlock(), true)) ++inside, m.unlock();
+        });
+        EXPECT_EQ(d::mutex::take - t0, static_cast<q_uint64_t>(generation * threads * rounds));
+        EXPECT_EQ(d::mutex::free - f0, static_cast<q_uint64_t>(inside));
     }
-    EXPECT_TRUE(d::mutex::ctor - c0 == 1 && d::mutex::dtor - dt0 == 1);
+    EXPECT_EQ(snapshot.load(), t0);  // a copy keeps its moment
+
+    m.xlock();
+    q_uint64_t const t1 = d::mutex::take;
+    std::thread([&] { EXPECT_FALSE(m.try_xlock()); }).join();  // busy elsewhere: false, and still one more take
+    EXPECT_EQ(d::mutex::take - t1, 1u);
+    EXPECT_EQ(thrown([&] { m.xlock(); }), "unable to lock mutex because of " + sys_text(EDEADLK));
+    m.unlock();
+#ifndef __SANITIZE_THREAD__  // which reports the misuse itself
+    EXPECT_EQ(thrown([&] { m.unlock(); }), "unable to unlock mutex because od " + sys_text(EPERM));
+#endif
 }
 
 TEST(Syncers, CondvarTimeoutsBroadcastAndErrors) {
-    q_uint64_t const c0 = d::condvar::ctor, t0 = d::condvar::take, f0 = d::condvar::free;
+    q_uint64_t const t0 = d::condvar::take, f0 = d::condvar::free;
     mutex_t m;
     condvar_t one(false), all(true);
     m.xlock();
@@ -127,7 +124,7 @@ TEST(Syncers, CondvarTimeoutsBroadcastAndErrors) {
         ++released;
     });
     EXPECT_EQ(released, 3);
-    EXPECT_TRUE(d::condvar::ctor - c0 == 2 && d::condvar::free - f0 == 1 && d::condvar::take - t0 >= 6);
+    EXPECT_TRUE(d::condvar::free - f0 == 1 && d::condvar::take - t0 >= 6);
 #ifndef __SANITIZE_THREAD__  // which reports the misuse itself
     // Waiting without holding an error-checking mutex fails in the system.
     EXPECT_EQ(thrown([&] { one.wait(m); }), "unable to wait on conditional variable");
@@ -137,19 +134,17 @@ TEST(Syncers, CondvarTimeoutsBroadcastAndErrors) {
 }
 
 TEST(Syncers, SemaphoreQuirksTimeoutsAndHammer) {
-    q_uint64_t const c0 = d::semaphore::ctor, t0 = d::semaphore::take, mc0 = d::mutex::ctor, cc0 = d::condvar::ctor;
+    q_uint64_t const t0 = d::semaphore::take;
     semaphore_t two(2), negative(-1), none(0);
-    EXPECT_EQ(d::semaphore::ctor - c0 + d::mutex::ctor - mc0 + d::condvar::ctor - cc0, 9u);
     EXPECT_TRUE(two.try_wait() && two.try_wait() && !two.try_wait());
     // Non-zero, not positive: a negative count hands out units.
     EXPECT_TRUE(negative.try_wait() && negative.try_wait() && negative.count == -3);
     EXPECT_EQ(d::semaphore::take - t0, 5u);
     EXPECT_FALSE(none.wait(ms(5)));  // a finite relative wait counts twice
     EXPECT_EQ(d::semaphore::take - t0, 7u);
-    EXPECT_FALSE(none.wait(kern::time::now() + ms(5)));
     none.post();
     EXPECT_TRUE(none.wait(timegap_t::infinite()));
-    EXPECT_EQ(d::semaphore::take - t0, 9u);
+    EXPECT_EQ(d::semaphore::take - t0, 8u);
 
     // Two producers, a blocking and a polling consumer: each unit once.
     int const per = 3000;
@@ -191,7 +186,6 @@ TEST(Syncers, EventWakesOneWaiterPerSignal) {
     // Auto-reset ping-pong: each signal lets exactly one wait through.
     event_t ping(true, false), pong(false, false);
     EXPECT_TRUE(ping.try_wait() && !ping.try_wait());
-    EXPECT_FALSE(pong.wait(kern::time::now() + ms(5)));
     int const rounds = 2000;
     std::atomic<int> worked(0), lost(0);
     std::thread partner([&] {
@@ -227,9 +221,7 @@ TEST(Syncers, FarTimeOutsSaturate) {
 }
 
 TEST(Syncers, RwlockAndHolders) {
-    q_uint64_t const c0 = d::rwlock::ctor, mc0 = d::mutex::ctor, cc0 = d::condvar::ctor;
     rwlock_t rw;
-    EXPECT_EQ(d::rwlock::ctor - c0 + d::mutex::ctor - mc0 + d::condvar::ctor - cc0, 4u);
     rw.unlock();  // on a free lock: no change, no complaint
     EXPECT_EQ(rw.state, 0);
     EXPECT_TRUE(rw.try_slock() && rw.try_slock() && rw.state == 2);
@@ -273,8 +265,6 @@ TEST(Syncers, WritersPreferredFromTheEnvironment) {
 TEST(Syncers, StatisticReport) {
     test_support::record_logger_t log(if_logger_t::NOTICE);
     log_syncers_stat();
-    log.set_level(if_logger_t::WARNING);
-    log_syncers_stat();  // NOTICE is off: nothing
     // Every figure in its place; nothing counts meanwhile.
     using namespace d;
     auto n = [](q_uint64_t v) { return std::to_string(v); };

@@ -11,13 +11,12 @@
 #include <cstdio>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "exceptions.h"
+#include "test-support.h"
 
 namespace {
 
@@ -39,31 +38,25 @@ void in_locale(char const* locale, std::function<std::string()> const& check) {
         << locale;
 }
 
+// What call throws as an ICU failure, or "(nothing thrown)".
+std::string icu_error(std::function<void()> const& call) {
+    try {
+        call();
+    } catch (icu_exception_shell_t const& e) {
+        return e.what();
+    }
+    return "(nothing thrown)";
+}
+
 std::string joined(std::vector<lstr_t> const& pieces) {
     std::string r;
     for (lstr_t const& p : pieces) r.append(p.ptr(), p.length()).append("|");
     return r;
 }
 
-// The UTF-8 form of code point c, written out by hand.
-std::string utf8(unsigned c) {
-    if (c < 0x80) return std::string(1, static_cast<char>(c));
-    if (c < 0x800) return {static_cast<char>(0xC0 | c >> 6), static_cast<char>(0x80 | (c & 0x3F))};
-    if (c < 0x10000)
-        return {static_cast<char>(0xE0 | c >> 12), static_cast<char>(0x80 | (c >> 6 & 0x3F)),
-                static_cast<char>(0x80 | (c & 0x3F))};
-    return {static_cast<char>(0xF0 | c >> 18), static_cast<char>(0x80 | (c >> 12 & 0x3F)),
-            static_cast<char>(0x80 | (c >> 6 & 0x3F)), static_cast<char>(0x80 | (c & 0x3F))};
-}
-
 TEST(Unicode, CaseMapping) {
     typedef void (*map_t)(lstr_t const&, std::string&);
-    struct {
-        char const* locale;
-        map_t map;
-        char const* in;
-        char const* out;
-    } const rows[] = {
+    struct { char const* locale; map_t map; char const *in, *out; } const rows[] = {
         {nullptr, upper_string_uc, "Stra\u00dfe", "STRASSE"},
         {nullptr, upper_string_uc, "abc-XYZ 09~", "ABC-XYZ 09~"},  // ASCII, no ICU
         {nullptr, lower_string_uc, "abc-XYZ 09~", "abc-xyz 09~"},
@@ -85,13 +78,7 @@ TEST(Unicode, CaseMapping) {
 }
 
 TEST(Unicode, Collation) {
-    struct {
-        char const* locale;
-        int (*cmp)(lstr_t const&, lstr_t const&);
-        char const* a;
-        char const* b;
-        int sign;
-    } const rows[] = {
+    struct { char const* locale; decltype(&q_strcmp_uc) cmp; char const *a, *b; int sign; } const rows[] = {
         {"sv_SE.UTF-8", q_strcmp_uc, "\u00e4", "z", 1},  // Swedish: ä is a letter after z
         {"de_DE.UTF-8", q_strcmp_uc, "\u00e4", "z", -1},  // German: ä goes with a
         {"en_US.UTF-8", q_strcmp_uc, "a", "B", -1},  // not byte order
@@ -114,29 +101,22 @@ TEST(Unicode, Collation) {
         int const r4 = q_strncasecmp_uc("E\u0301clair", "\u00c9CLAT", 4), r5 = q_strncasecmp_uc("E\u0301clair", "\u00c9CLAT", 5);
         return r4 == 0 && r5 == -1 && q_strncasecmp_uc("x", "y", 0) == 0 ? "" : "prefix comparison";
     });
-    struct {
-        char const* locale;
-        char const* sorted;
-    } const sorts[] = {{"sv_SE.UTF-8", "apa|bok|zebra|\u00e4rlig|\u00f6l|"},
-                       {"de_DE.UTF-8", "apa|\u00e4rlig|bok|\u00f6l|zebra|"}};
-    for (auto const& s : sorts)
-        in_locale(s.locale, [&] {
+    std::pair<char const*, char const*> const sorts[] = {{"sv_SE.UTF-8", "apa|bok|zebra|\u00e4rlig|\u00f6l|"},
+                                                         {"de_DE.UTF-8", "apa|\u00e4rlig|bok|\u00f6l|zebra|"}};
+    for (auto const& [locale, sorted] : sorts)
+        in_locale(locale, [&, sorted = sorted] {
             std::vector<std::string> words = {"zebra", "\u00f6l", "\u00e4rlig", "bok", "apa"};
             q_strsort_uc(words);
             std::vector<lstr_t> slices(words.begin(), words.end());
             std::reverse(slices.begin(), slices.end());
             q_strsort_uc(slices);
             std::string const got = joined(std::vector<lstr_t>(words.begin(), words.end()));
-            return got == s.sorted && joined(slices) == got ? "" : got;
+            return got == sorted && joined(slices) == got ? "" : got;
         });
 }
 
 TEST(Unicode, Breaking) {
-    struct {
-        void (*brk)(lstr_t const&, std::vector<lstr_t>&);
-        char const* in;
-        char const* pieces;
-    } const rows[] = {
+    struct { void (*brk)(lstr_t const&, std::vector<lstr_t>&); char const *in, *pieces; } const rows[] = {
         // family of four joined by ZWJ; two flags; e with acute and dot below; CR LF
         {break_glyph, "\U0001F468\u200D\U0001F469\u200D\U0001F467\u200D\U0001F466!", "\U0001F468\u200D\U0001F469\u200D\U0001F467\u200D\U0001F466|!|"},
         {break_glyph, "\U0001F1E9\U0001F1EA\U0001F1EB\U0001F1F7", "\U0001F1E9\U0001F1EA|\U0001F1EB\U0001F1F7|"},
@@ -162,26 +142,19 @@ TEST(Unicode, Breaking) {
 // which ICU lets two threads share.
 TEST(Unicode, ThreadsAtOnce) {
     std::atomic<int> wrong(0);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&] {
-            for (int i = 0; i < 300; ++i) {
-                std::vector<lstr_t> words;
-                break_word("Zw\u00f6lf Boxk\u00e4mpfer jagen Viktor", words);
-                wrong += words.size() != 4 || upper_string_uc("gro\u00df") != "GROSS" ||
-                         q_strcasecmp_uc("\u00c9COLE", "\u00e9cole") != 0;
-            }
-        });
-    for (std::thread& t : threads) t.join();
+    test_support::on_threads(4, [&](int) {
+        for (int i = 0; i < 300; ++i) {
+            std::vector<lstr_t> words;
+            break_word("Zw\u00f6lf Boxk\u00e4mpfer jagen Viktor", words);
+            wrong += words.size() != 4 || upper_string_uc("gro\u00df") != "GROSS" ||
+                     q_strcasecmp_uc("\u00c9COLE", "\u00e9cole") != 0;
+        }
+    });
     EXPECT_EQ(wrong, 0);
 }
 
 TEST(Unicode, CodePagesRoundTrip) {
-    struct {
-        char const* codepage;
-        char const* utf8;
-        char const* local;
-    } const rows[] = {
+    struct { char const *codepage, *utf8, *local; } const rows[] = {
         {"windows-1251", "\u041f\u0440\u0438\u0432\u0435\u0442, \u043c\u0438\u0440", "\xcf\xf0\xe8\xe2\xe5\xf2, \xec\xe8\xf0"},
         {"Shift_JIS", "\u65e5\u672c\u8a9e\u30c6\u30ad\u30b9\u30c8 ok", "\x93\xfa\x96\x7b\x8c\xea\x83\x65\x83\x4c\x83\x58\x83\x67 ok"},
         {"ISO-2022-JP", "\u65e5\u672c", "\x1b$BF|K\\\x1b(B"},  // stateful: closed at the end
@@ -211,11 +184,12 @@ TEST(Unicode, CodePagesRoundTrip) {
 }
 
 TEST(Unicode, Utf8Validity) {
-    // Code points at each length boundary and around the surrogates, in one text and one by one.
-    std::string all;
-    for (unsigned c : {0u, 0x7Fu, 0x80u, 0x7FFu, 0x800u, 0xD7FFu, 0xE000u, 0xFFFDu, 0xFFFFu, 0x10000u, 0x10FFFFu}) {
-        EXPECT_TRUE(is_valid_utf8(utf8(c))) << std::hex << c;
-        all += utf8(c);
+    // Code points at each length boundary and around the surrogates, one by one and in one text (from U+0000).
+    std::string all(1, '\0');
+    for (char const* c : {"\x7f", "\u0080", "\u07ff", "\u0800", "\ud7ff", "\ue000", "\ufffd", "\uffff", "\U00010000",
+                          "\U0010ffff"}) {
+        EXPECT_TRUE(is_valid_utf8(c)) << c;
+        all += c;
     }
     std::u16string wide;
     from_utf8_to_unicode(all, wide);
@@ -239,18 +213,11 @@ TEST(Unicode, Utf8Validity) {
             if (t == &cut && start == k) continue;  // cut between characters: well-formed
             std::u16string out;
             EXPECT_FALSE(is_valid_utf8(*t)) << k;
-            try {
-                from_utf8_to_unicode(*t, out);
-                ADD_FAILURE() << k;
-            } catch (icu_exception_shell_t const& e) {
-                EXPECT_THAT(e.what(), testing::HasSubstr("at byte " + std::to_string(start) + " ")) << k;
-            }
+            EXPECT_THAT(icu_error([&] { from_utf8_to_unicode(*t, out); }),
+                        testing::HasSubstr("at byte " + std::to_string(start) + " ")) << k;
         }
     }
-    struct {
-        char const* text;
-        unsigned at;  // the first bad byte
-    } const bad[] = {
+    struct { char const* text; unsigned at; } const bad[] = {  // at: the first bad byte
         {"\xc0\x80", 0},          {"\xc1\xbf", 0},          {"\xe0\x9f\xbf", 0},  // overlong
         {"\xf0\x8f\xbf\xbf", 0},  {"\xed\xa0\x80", 0},      {"\xed\xbf\xbf", 0},  // overlong, surrogates
         {"\xf4\x90\x80\x80", 0},  {"\xf5\x80\x80\x80", 0},  {"ab\xff", 2},        // above U+10FFFF
@@ -260,21 +227,14 @@ TEST(Unicode, Utf8Validity) {
     for (auto const& b : bad) {
         EXPECT_FALSE(is_valid_utf8(b.text)) << b.text;
         std::u16string out = u"kept";
-        try {
-            from_utf8_to_unicode(b.text, out);
-            ADD_FAILURE() << b.text;
-        } catch (icu_exception_shell_t const& e) {
-            EXPECT_EQ(e.what(), "text is not valid UTF-8 at byte " + std::to_string(b.at) + " because of U_INVALID_CHAR_FOUND");
-        }
+        EXPECT_EQ(icu_error([&] { from_utf8_to_unicode(b.text, out); }),
+                  "text is not valid UTF-8 at byte " + std::to_string(b.at) + " because of U_INVALID_CHAR_FOUND");
         EXPECT_TRUE(out == u"kept");
     }
 }
 
 TEST(Unicode, Errors) {
-    struct {
-        std::function<void(std::string&)> call;
-        char const* what;
-    } const rows[] = {
+    struct { std::function<void(std::string&)> call; char const* what; } const rows[] = {
         {[](std::string& o) { upper_string_uc("ok \xed\xa0\x80", o); }, "text is not valid UTF-8 at byte 3 because of U_INVALID_CHAR_FOUND"},
         {[](std::string&) { q_strcmp_uc("a", "\xc0\xaf"); }, "text is not valid UTF-8 at byte 0 because of U_INVALID_CHAR_FOUND"},
         {[](std::string&) { std::vector<lstr_t> v{"a", "b\xe2\x82"}; q_strsort_uc(v); }, "text is not valid UTF-8 at byte 1 because of U_INVALID_CHAR_FOUND"},
@@ -289,12 +249,7 @@ TEST(Unicode, Errors) {
     };
     for (auto const& r : rows) {
         std::string out = "kept";
-        try {
-            r.call(out);
-            ADD_FAILURE() << r.what;
-        } catch (icu_exception_shell_t const& e) {
-            EXPECT_STREQ(e.what(), r.what);
-        }
+        EXPECT_EQ(icu_error([&] { r.call(out); }), r.what);
         EXPECT_EQ(out, "kept") << r.what;
     }
 }
