@@ -2,25 +2,13 @@
 // namespace, buffer growth for entries far above 2 KiB, and detaching checked from the detached process.
 #include "unx-utils.h"
 
-#include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "test-support.h"
 
@@ -36,16 +24,13 @@ TEST(accounts, names_of_this_system_shared_by_threads) {
     EXPECT_TRUE(unx_get_user_id("root", id) && id == 0 && unx_get_group_id("daemon", id) && id == 1);
     std::string const want[] = {"was root:daemon", "was daemon:root"};  // as on every Debian system
     std::atomic<int> wrong(0);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 500; ++i) {
-                std::string out = "was ";
-                unx_get_user_and_group((i + t) & 1, 1 - ((i + t) & 1), out);
-                wrong += out != want[(i + t) & 1];
-            }
-        });
-    for (auto& t : threads) t.join();
+    test_support::on_threads(4, [&](int t) {
+        for (int i = 0; i < 500; ++i) {
+            std::string out = "was ";
+            unx_get_user_and_group((i + t) & 1, 1 - ((i + t) & 1), out);
+            wrong += out != want[(i + t) & 1];
+        }
+    });
     EXPECT_EQ(wrong, 0);
 }
 
