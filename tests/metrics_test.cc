@@ -1,8 +1,6 @@
 // The exposition: accepted by promtool in both formats, values equal to the counters, the textfile written whole.
 #include "metrics.h"
 
-#include <sys/stat.h>
-
 #include <cstdio>
 #include <map>
 #include <set>
