@@ -2,12 +2,9 @@
 #include "amtypes.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <string>
 #include <type_traits>
-#include <vector>
 
 #include "exceptions.h"
 #include "unicode.h"
@@ -38,13 +35,9 @@ lstr_t r_by_sep_ic(lstr_t& s, lstr_t a, bool strict) { return s.r_word_word_ic(a
 TEST(LstrTest, ConversionAndHashing) {
     EXPECT_TRUE(lstr_t(static_cast<char const*>(nullptr)).empty());
     std::string const owner("a\0b", 3);
-    lstr_t const s(owner);
-    EXPECT_EQ(s.length(), 3u);
-    EXPECT_EQ(s.ptr(), owner.data());
-    EXPECT_EQ(s.to_string(), owner);                                 // embedded NUL kept
+    EXPECT_EQ(lstr_t(owner).to_string(), owner);                    // embedded NUL kept
     EXPECT_EQ(lstr_t("MiXeD\xc9").to_lower_string(), "mixed\xc9");  // ASCII only in the C locale
     EXPECT_EQ(lstr_t("MiXeD").to_upper_string(), "MIXED");
-    EXPECT_EQ(lstr_t().to_upper_string(), "");
 
     // h * 31 + byte on unsigned bytes, each in its own width: both wrap for 40 bytes of 0xfe.
     std::string const text(40, '\xfe');
@@ -162,7 +155,6 @@ TEST(LstrTest, TrimmingSkippingAndCounting) {
     EXPECT_EQ(S(lstr_t(" \r\n\t\fa b\f\t\n\r ").trim()), "a b");
     EXPECT_EQ(S(lstr_t("\va\v").trim()), "\va\v");  // vertical tab is not a separator
     EXPECT_TRUE(lstr_t(" \t ").trim().empty());
-    EXPECT_EQ(S(lstr_t::default_separators), " \r\n\t\f");
 
     lstr_t w("  a  b c");
     EXPECT_EQ(S(w.skip_words(2, ' ')), "c");

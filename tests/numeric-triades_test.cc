@@ -8,7 +8,6 @@
 #include <cstring>
 #include <limits>
 #include <random>
-#include <string>
 
 namespace {
 

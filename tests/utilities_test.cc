@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstring>
 #include <set>
-#include <string>
 #include <utility>
 
 #include "code-exec-time.h"
