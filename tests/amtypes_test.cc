@@ -71,8 +71,7 @@ TEST(LstrTest, SearchingAndAffixes) {
     for (auto const& f : finds)
         EXPECT_EQ(f.ic ? f.hay.find_word_ic(f.sub) : f.hay.find_word(f.sub), f.at) << S(f.hay) << " " << S(f.sub);
 
-    // Prefix and suffix, exact and case-insensitive; a slice that begins where
-    // this begins counts as a suffix.
+    // Prefix and suffix, exact and case-insensitive; a slice that begins where this begins counts as a suffix.
     lstr_t const t("abcdef");
     struct { lstr_t p; bool starts, ends, starts_ic, ends_ic; } const affixes[] = {
         {"abc", 1, 0, 1, 0}, {"def", 0, 1, 0, 1}, {"", 1, 1, 1, 1}, {"abcdef", 1, 1, 1, 1}, {"abd", 0, 0, 0, 0},
@@ -86,8 +85,7 @@ TEST(LstrTest, SearchingAndAffixes) {
     }
 }
 
-// Both comparisons on unsigned bytes; the case-insensitive one compares upper
-// forms, so '[' (0x5b) sorts after 'A' but before 'a'.
+// Both comparisons on unsigned bytes; the case-insensitive one compares upper forms: '[' sorts between 'A' and 'a'.
 TEST(LstrTest, Comparison) {
     struct { lstr_t a, b; int cmp, ic; } const pairs[] = {
         {"ab", "abc", -1, -1}, {"abc", "ab", 1, 1}, {"abc", "abc", 0, 0}, {"abd", "abcz", 1, 1}, {lstr_t(), "", 0, 0},
@@ -111,8 +109,7 @@ TEST(LstrTest, Comparison) {
             << c.a << " " << c.b << " " << c.n;
 }
 
-// Each row cuts from text once per character of modes ('s' strict, 'n' not),
-// and gives the tokens and then what is left, "|"-separated.
+// Each row cuts from text once per character of modes ('s' strict, 'n' not): the tokens, then what is left.
 TEST(LstrTest, Cutting) {
     struct { cut_t cut; lstr_t text, arg; char const* modes; char const* want; } const cases[] = {
         {by_char, "a,", ",", "s", "a|"}, {r_by_char, "a.", ".", "s", "|a"},  // strict: a final separator still cuts
@@ -185,9 +182,8 @@ TEST(LstrTest, CaseTablesAndUnknownCodeSet) {
     }
 }
 
-// The tables follow the locale: in Turkish ISO-8859-9, 'i' goes up to the
-// dotted capital (0xdd) and 'I' down to the dotless small i (0xfd); the
-// sharp s (0xdf) upper-cases to two letters and keeps its entry.
+// The tables follow the locale: in Turkish ISO-8859-9, 'i' goes up to the dotted capital (0xdd) and 'I' down to
+// the dotless small i (0xfd); the sharp s (0xdf) upper-cases to two letters and keeps its entry.
 TEST(LstrTest, InitCaseFollowsLocale) {
     EXPECT_EXIT(
         {

@@ -1,6 +1,5 @@
-// Platform description: kernel version tests, the buffers of this host, issue files, the operating-system
-// names, and the start-up report with real probe programs in a directory whose name tries to break or
-// inject into the shell command.
+// Platform description: kernel versions, this host's buffers, issue files, the operating-system names, and the
+// start-up report with real probe programs.
 #include "platform.h"
 
 #include <gnu/libc-version.h>
@@ -173,8 +172,7 @@ TEST(platform, start_up_report_and_probe_programs) {
     EXPECT_EQ(log.lines.back().find("Using command line"), std::string::npos);
 }
 
-// A probe that writes nothing and never ends: reading gives up after the per-byte wait, and the probe is
-// gone when virtual_vm returns.
+// A probe that writes nothing and never ends: given up after the per-byte wait, and gone when virtual_vm returns.
 TEST(platform, silent_probe_is_given_up_and_killed) {
     temp_dir_t dir;
     std::string const pid_file = dir.path + "/pid";

@@ -35,8 +35,7 @@ std::string blocks_of(random_t& r, int n) {
     return out;
 }
 
-// Known answers computed with the author's published program (the zero seed's second block begins
-// f650e4c8, as in his randvect.txt).
+// Known answers from the author's published program (the zero seed's second block begins f650e4c8, as in randvect.txt).
 TEST(Isaac, WholeBlocksMatchTheReference) {
     unsigned int zeros[256] = {}, mixed[256];
     for (unsigned i = 0; i < 256; ++i) mixed[i] = i * 0x9e3779b1u + 1;

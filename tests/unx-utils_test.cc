@@ -42,9 +42,8 @@ std::string account(bool user, char const* name, unsigned id, std::string const&
     return user ? n + std::to_string(id) + ":" + extra + ":/:/bin/false\n" : n + extra + "\n";
 }
 
-// Version 1 of a file: 4241 alpha, 4244 wide (an entry of 200 KiB, found after the buffer has grown),
-// 4245 vast (2 MiB, beyond the largest buffer). Version 2 renames 4241 to beta and adds 4242 gamma and
-// 4243 delta.
+// Version 1 of a file: 4241 alpha, 4244 wide (an entry of 200 KiB, found after the buffer has grown), 4245 vast
+// (2 MiB, beyond the largest buffer). Version 2 renames 4241 to beta and adds 4242 gamma and 4243 delta.
 std::string accounts_file(bool user, int version) {
     if (version == 2) return account(user, "beta", 4241) + account(user, "gamma", 4242) + account(user, "delta", 4243);
     std::string wide, vast;
@@ -94,10 +93,9 @@ TEST(accounts, caches_and_buffer_growth_with_test_files) {
         }
 }
 
-// A child sets up its working directory D and descriptors 0 to 2 (all on the file F, or closed), buffers
-// unwritten output, and detaches. The detached process reports through a pipe: "leader" when it leads
-// its own session, its working directory, then each descriptor's target ("-" when closed, "*" after it
-// when it is close-on-exec).
+// A child sets up its working directory D and descriptors 0 to 2 (all on the file F, or closed), buffers unwritten
+// output, and detaches. The detached process reports through a pipe: "leader" when it leads its own session, its
+// working directory, then each descriptor's target ("-" when closed, "*" after it when it is close-on-exec).
 TEST(daemonize, detaches_with_both_flags) {
     test_support::temp_dir_t const temp;
     char const* const dir = temp.path.c_str();
