@@ -2,12 +2,9 @@
 #include "amtypes.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <string>
 #include <type_traits>
-#include <vector>
 
 #include "exceptions.h"
 #include "unicode.h"
@@ -38,13 +35,9 @@ lstr_t r_by_sep_ic(lstr_t& s, lstr_t a, bool strict) { return s.r_word_word_ic(a
 TEST(LstrTest, ConversionAndHashing) {
     EXPECT_TRUE(lstr_t(static_cast<char const*>(nullptr)).empty());
     std::string const owner("a\0b", 3);
-    lstr_t const s(owner);
-    EXPECT_EQ(s.length(), 3u);
-    EXPECT_EQ(s.ptr(), owner.data());
-    EXPECT_EQ(s.to_string(), owner);                                 // embedded NUL kept
+    EXPECT_EQ(lstr_t(owner).to_string(), owner);                    // embedded NUL kept
     EXPECT_EQ(lstr_t("MiXeD\xc9").to_lower_string(), "mixed\xc9");  // ASCII only in the C locale
     EXPECT_EQ(lstr_t("MiXeD").to_upper_string(), "MIXED");
-    EXPECT_EQ(lstr_t().to_upper_string(), "");
 
     // h * 31 + byte on unsigned bytes, each in its own width: both wrap for 40 bytes of 0xfe.
     std::string const text(40, '\xfe');
@@ -78,8 +71,7 @@ TEST(LstrTest, SearchingAndAffixes) {
     for (auto const& f : finds)
         EXPECT_EQ(f.ic ? f.hay.find_word_ic(f.sub) : f.hay.find_word(f.sub), f.at) << S(f.hay) << " " << S(f.sub);
 
-    // Prefix and suffix, exact and case-insensitive; a slice that begins where
-    // this begins counts as a suffix.
+    // Prefix and suffix, exact and case-insensitive; a slice that begins where this begins counts as a suffix.
     lstr_t const t("abcdef");
     struct { lstr_t p; bool starts, ends, starts_ic, ends_ic; } const affixes[] = {
         {"abc", 1, 0, 1, 0}, {"def", 0, 1, 0, 1}, {"", 1, 1, 1, 1}, {"abcdef", 1, 1, 1, 1}, {"abd", 0, 0, 0, 0},
@@ -93,8 +85,7 @@ TEST(LstrTest, SearchingAndAffixes) {
     }
 }
 
-// Both comparisons on unsigned bytes; the case-insensitive one compares upper
-// forms, so '[' (0x5b) sorts after 'A' but before 'a'.
+// Both comparisons on unsigned bytes; the case-insensitive one compares upper forms: '[' sorts between 'A' and 'a'.
 TEST(LstrTest, Comparison) {
     struct { lstr_t a, b; int cmp, ic; } const pairs[] = {
         {"ab", "abc", -1, -1}, {"abc", "ab", 1, 1}, {"abc", "abc", 0, 0}, {"abd", "abcz", 1, 1}, {lstr_t(), "", 0, 0},
@@ -118,8 +109,7 @@ TEST(LstrTest, Comparison) {
             << c.a << " " << c.b << " " << c.n;
 }
 
-// Each row cuts from text once per character of modes ('s' strict, 'n' not),
-// and gives the tokens and then what is left, "|"-separated.
+// Each row cuts from text once per character of modes ('s' strict, 'n' not): the tokens, then what is left.
 TEST(LstrTest, Cutting) {
     struct { cut_t cut; lstr_t text, arg; char const* modes; char const* want; } const cases[] = {
         {by_char, "a,", ",", "s", "a|"}, {r_by_char, "a.", ".", "s", "|a"},  // strict: a final separator still cuts
@@ -162,7 +152,6 @@ TEST(LstrTest, TrimmingSkippingAndCounting) {
     EXPECT_EQ(S(lstr_t(" \r\n\t\fa b\f\t\n\r ").trim()), "a b");
     EXPECT_EQ(S(lstr_t("\va\v").trim()), "\va\v");  // vertical tab is not a separator
     EXPECT_TRUE(lstr_t(" \t ").trim().empty());
-    EXPECT_EQ(S(lstr_t::default_separators), " \r\n\t\f");
 
     lstr_t w("  a  b c");
     EXPECT_EQ(S(w.skip_words(2, ' ')), "c");
@@ -193,9 +182,8 @@ TEST(LstrTest, CaseTablesAndUnknownCodeSet) {
     }
 }
 
-// The tables follow the locale: in Turkish ISO-8859-9, 'i' goes up to the
-// dotted capital (0xdd) and 'I' down to the dotless small i (0xfd); the
-// sharp s (0xdf) upper-cases to two letters and keeps its entry.
+// The tables follow the locale: in Turkish ISO-8859-9, 'i' goes up to the dotted capital (0xdd) and 'I' down to
+// the dotless small i (0xfd); the sharp s (0xdf) upper-cases to two letters and keeps its entry.
 TEST(LstrTest, InitCaseFollowsLocale) {
     EXPECT_EXIT(
         {

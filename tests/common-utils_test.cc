@@ -27,8 +27,7 @@ void record(void* ctx, int code, unsigned long index, char const* name, void* va
                                                         : std::string(static_cast<char const*>(value)));
 }
 
-// Parses the arguments (the first is the program name); returns the result
-// code followed by the callbacks' trace.
+// Parses the arguments (the first is the program name); returns the result code, then the callbacks' trace.
 std::string parse(std::initializer_list<char const*> args, char const* prefix = "--", char const* sep = "=",
                   cmd_switch_t const* table = k_table, unsigned long count = std::size(k_table)) {
     std::vector<std::string> store(args.begin(), args.end());
@@ -73,9 +72,8 @@ TEST(CmdSwitch, Parsing) {
     EXPECT_EQ("-2 0:4:help -2:2:--zzz", parse({"prog", "--help", "--zzz=1", "--bad=="}));
     EXPECT_EQ("0 0:0:daemon=0 0:0:daemon=0 0:6:login=0", parse({"p", "--no-daemon", "--no-d", "--no-login"}));
 
-    // One switch each. An empty name matches every entry; "no" is a prefix
-    // of "nosy", so no negation is tried; an empty value is no value; logical
-    // words are case-sensitive; a number out of range saturates.
+    // One switch each. An empty name matches every entry; "no" is a prefix of "nosy", so no negation is tried; an
+    // empty value is no value; logical words are case-sensitive; a number out of range saturates.
     struct { char const* arg; char const* want; } const cases[] = {
         {"--", "0"}, {"-help", "1"}, {"--log=x", "-3 -3:1:--log=x"}, {"--logi", "0 0:6:login=1"},
         {"--=1", "-3 -3:1:--=1"}, {"--no", "0 0:7:nosy"}, {"--no-lo", "-3 -3:1:--no-lo"},

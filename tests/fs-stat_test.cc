@@ -1,17 +1,8 @@
 // File system state: free space and nodes on a tmpfs of known size, file size, the temporary directory.
 #include "fs-stat.h"
 
-#include <fcntl.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "test-support.h"
 

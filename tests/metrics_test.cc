@@ -1,8 +1,6 @@
 // The exposition: accepted by promtool in both formats, values equal to the counters, the textfile written whole.
 #include "metrics.h"
 
-#include <sys/stat.h>
-
 #include <cstdio>
 #include <map>
 #include <set>
@@ -48,9 +46,8 @@ std::pair<int, std::string> shell(std::string const& cmd) {
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
 }
 
-// Sample lines by series text ("name{labels}"), after checking the OpenMetrics structure: HELP and TYPE of one
-// family before its samples, counters as <family>_total, histograms as _bucket and _count, no series twice, and
-// "# EOF" last.
+// Sample lines by series text ("name{labels}"), after checking the structure: HELP and TYPE of one family before its
+// samples, counters as <family>_total, histograms as _bucket and _count, no series twice, "# EOF" last.
 std::map<std::string, std::string> parse(std::string const& text, bool om) {
     std::map<std::string, std::string> series;
     std::string family, type;

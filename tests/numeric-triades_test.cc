@@ -8,7 +8,6 @@
 #include <cstring>
 #include <limits>
 #include <random>
-#include <string>
 
 namespace {
 
@@ -27,8 +26,7 @@ std::string formatted(T v) {
     return s.substr(1);
 }
 
-// Both forms against std::to_chars; the buffer form (int and wider) writes
-// neither a NUL nor anything past the text.
+// Both forms against std::to_chars; the buffer form (int and wider) writes neither a NUL nor anything past the text.
 template <typename T>
 void check_value(T v) {
     std::string const want = reference(v);
@@ -64,8 +62,6 @@ TEST(NumberFormatting, MatchesToCharsForEveryType) {
     std::mt19937_64 rng(12345);
     check_types<unsigned char, char, unsigned short, short, unsigned int, int, unsigned long, long, unsigned long long,
                 long long>(rng);
-    EXPECT_EQ(formatted(LLONG_MIN), "-9223372036854775808");
-    EXPECT_EQ(formatted(ULLONG_MAX), "18446744073709551615");
 }
 
 TEST(NumberFormatting, HexPointerAndDouble) {
@@ -81,8 +77,7 @@ TEST(NumberFormatting, HexPointerAndDouble) {
 }
 
 TEST(NumberFormatting, TriadesAndKilobytes) {
-    // The sign is a character of the first group; a width not above the
-    // length adds no padding.
+    // The sign is a character of the first group; a width not above the length adds no padding.
     struct { lstr_t in; unsigned long width; char const* want; } const groups[] = {
         {lstr_t(), 0, ""}, {"", 3, "   "}, {"12", 5, "   12"}, {"1234", 0, "1'234"}, {"123", 0, "123"},
         {"123456", 0, "123'456"}, {"1234567", 0, "1'234'567"}, {"1234567", 9, "1'234'567"}, {"1234567", 4, "1'234'567"},

@@ -1,24 +1,15 @@
-// Platform description: kernel version tests, the buffers of this host, issue files, the operating-system
-// names, and the start-up report with real probe programs in a directory whose name tries to break or
-// inject into the shell command.
+// Platform description: kernel versions, this host's buffers, issue files, the operating-system names, and the
+// start-up report with real probe programs.
 #include "platform.h"
 
 #include <gnu/libc-version.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/sysinfo.h>
 #include <sys/utsname.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <regex>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "test-support.h"
 #include "unx-utils.h"
@@ -73,9 +64,6 @@ TEST(platform, buffers_describe_this_host) {
     ASSERT_GE(d.size(), head.size() + tail.size());
     EXPECT_EQ(d.substr(d.size() - tail.size()), tail);
     EXPECT_STREQ(platform_t::base.description, p.description);
-    std::string name;
-    platform_base_t::sys2str(name, p.system);
-    EXPECT_EQ(name, "Linux");
 }
 
 TEST(platform, issue_files_give_their_first_line) {
@@ -107,8 +95,8 @@ TEST(platform, issue_files_give_their_first_line) {
 
 TEST(platform, operating_system_names) {
     struct { unsigned code; char const* name; } const cases[] = {
-        {0x0123456, "unknown"}, {0x3000000, "Netware"}, {0x1000000, "Posix/unknown"}, {0x81010000, "Linux"},
-        {0x1050200, "Android Tabblet"}, {0x1050300, "Android Unknown"}, {0x1820000, "OpenBSD"},
+        {0x0123456, "unknown"}, {0x3000000, "Netware"}, {0x1000000, "Posix/unknown"}, {0x1010000, "Linux"},
+        {0x81010000, "Linux"}, {0x1050200, "Android Tabblet"}, {0x1050300, "Android Unknown"}, {0x1820000, "OpenBSD"},
         {0x1830280, "MacOS  Leopard Server"}, {0x1830600, "MacOS "}, {0x2040000, "Windows/unknown"},
         {0x2010200, "Win32s"}, {0x2020400, "Windows9x/unknown"}, {0x2230101, "Windows NT 3.51"},
         {0x2030283, "Windows NT 4.0 Enterprise Server"}, {0x2030205, "Windows NT 4.0"},
@@ -128,8 +116,8 @@ TEST(platform, operating_system_names) {
 TEST(platform, start_up_report_and_probe_programs) {
     temp_dir_t base;
     std::string const marker = "platform_test_pwned_" + std::to_string(getpid());
-    std::string const dir = base.path + "/a b'c\"$HOME;touch " + marker + ";$(touch " + marker + ")`touch " +
-                            marker + "`\\";
+    std::string const sub = "a b'c\"$HOME;touch " + marker + ";$(touch " + marker + ")`touch " + marker + "`\\";
+    std::string const dir = base / sub;
     ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
     std::string const host = machine_name(), description = platform_t::base.description;
     std::string account;
@@ -149,10 +137,7 @@ TEST(platform, start_up_report_and_probe_programs) {
     for (auto const& p : probes) {
         SCOPED_TRACE(p.probe ? p.probe : "no probe");
         unlink((dir + "/qvlvmx").c_str());
-        if (p.probe) {
-            std::ofstream(dir + "/qvlvmx") << p.probe;
-            chmod((dir + "/qvlvmx").c_str(), 0755);
-        }
+        if (p.probe) base.file(sub + "/qvlvmx", p.probe, 0755);
         EXPECT_EQ(platform_base_t::virtual_vm(dir.c_str()), p.vm);
         EXPECT_EQ(platform_base_t::virtual_vm((dir + "/").c_str()), p.vm);
         record_logger_t log(if_logger_t::NOTICE);
@@ -187,8 +172,7 @@ TEST(platform, start_up_report_and_probe_programs) {
     EXPECT_EQ(log.lines.back().find("Using command line"), std::string::npos);
 }
 
-// A probe that writes nothing and never ends: reading gives up after the per-byte wait, and the probe is
-// gone when virtual_vm returns.
+// A probe that writes nothing and never ends: given up after the per-byte wait, and gone when virtual_vm returns.
 TEST(platform, silent_probe_is_given_up_and_killed) {
     temp_dir_t dir;
     std::string const pid_file = dir.path + "/pid";

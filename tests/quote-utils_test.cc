@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <random>
-#include <string>
 #include <utility>
 #include <vector>
 
@@ -44,8 +43,7 @@ std::string reference_quote(std::string const& s) {
     return q;
 }
 
-// Bytes drawn mostly from the troublesome ones, so that pairs, runs and lone
-// halves of pairs all occur, with plain stretches long enough for the block paths.
+// Mostly troublesome bytes, so that pairs, runs and lone halves of pairs occur; plain stretches for the block paths.
 std::string random_bytes(std::mt19937& rng) {
     std::string s;
     for (unsigned i = rng() % 121; i > 0; --i) {
@@ -66,8 +64,8 @@ TEST(Quote, ExactTextsBothWays) {
     quote_string(out.data(), out.size(), out);
     EXPECT_EQ("x yx%Sy", out);  // the std::string form appends, also when quoting part of itself
 
-    // "%Z" means the empty string only as the whole input; letters are upper case
-    // only, so "%s" begins a hexadecimal unit; unescaped bytes pass as they stand.
+    // "%Z" means the empty string only as the whole input; letters are upper case only, so "%s" begins a hexadecimal
+    // unit; unescaped bytes pass as they stand.
     std::string const plain(100, 'x');  // faults inside and after the block path
     std::pair<std::string, std::string> const back[] = {
         {"", ""}, {"%Z", ""}, {"%e9%E9", "\xE9\xE9"}, {"abc%P", "abc%"}, {"a b\x01,", "a b\x01,"},

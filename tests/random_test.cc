@@ -1,23 +1,16 @@
 // ISAAC against a reference computation, shared generators, and identifiers.
 #include "random.h"
 
-#include <fcntl.h>
 #include <sys/time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
 #include <cstdio>
 #include <cstring>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "syncers.h"
 #include "test-support.h"
@@ -42,8 +35,7 @@ std::string blocks_of(random_t& r, int n) {
     return out;
 }
 
-// Known answers computed with the author's published program (the zero seed's second block begins
-// f650e4c8, as in his randvect.txt).
+// Known answers from the author's published program (the zero seed's second block begins f650e4c8, as in randvect.txt).
 TEST(Isaac, WholeBlocksMatchTheReference) {
     unsigned int zeros[256] = {}, mixed[256];
     for (unsigned i = 0; i < 256; ++i) mixed[i] = i * 0x9e3779b1u + 1;
@@ -52,9 +44,7 @@ TEST(Isaac, WholeBlocksMatchTheReference) {
     EXPECT_EQ(blocks_of(m, 3), "3c373074 08fa6170 eeff7e9c 0b7ef382 7bc2bd99 5ec68042 6c57cf44 6e33d4ba 90e273ca");
 }
 
-// Eight threads drawing from one generator behind a mutex get, together,
-// exactly the values one thread would have drawn. Statistics count draws
-// and identifiers only while they are on.
+// Eight threads sharing a locked generator draw, together, what one thread would; statistics count only while on.
 TEST(Isaac, SharedGeneratorAndStatistics) {
     unsigned int seed[256];
     for (unsigned i = 0; i < 256; ++i) seed[i] = i ^ 0x5a5a5a5a;
@@ -62,10 +52,9 @@ TEST(Isaac, SharedGeneratorAndStatistics) {
     random_t shared(seed, &lock), alone(seed);
     int const threads = 8, per = 2000;
     std::vector<ub4> all(threads * per), want(threads * per);
-    std::vector<std::thread> ts;
-    for (int t = 0; t < threads; ++t)
-        ts.emplace_back([&, t] { std::generate_n(&all[t * per], per, [&] { return shared.rand(); }); });
-    for (auto& t : ts) t.join();
+    test_support::on_threads(threads, [&](int t) {
+        std::generate_n(&all[t * per], per, [&] { return shared.rand(); });
+    });
     std::generate(want.begin(), want.end(), [&] { return alone.rand(); });
     std::sort(all.begin(), all.end());
     std::sort(want.begin(), want.end());
@@ -97,10 +86,7 @@ TEST(Isaac, SeedsFromRandWithoutUrandom) {
     EXPECT_EQ(blocks_of(r, 1), "183addff 735a0368 850fac08");
 }
 
-// --- identifiers ---------------------------------------------------------------------------
-
-// The time value of an internal identifier: bytes 0 to 6 lowest first, then
-// the low nibble of byte 7 after the version digit.
+// The time value of an internal identifier: bytes 0 to 6 lowest first, then the nibble after the version digit.
 std::uint64_t time_of(char const* id) {
     std::uint64_t v = std::stoull(std::string(id + 17, 1), nullptr, 16) << 56;
     int k = 0;
@@ -114,8 +100,8 @@ std::uint64_t now_100ns() {
     return std::uint64_t(tv.tv_sec) * 10000000 + std::uint64_t(tv.tv_usec) * 10 + 0x01B21DD213814000ULL;
 }
 
-// An internal identifier of process pid: version digit 1, clock sequence
-// digit 0 to 3, the node's first two bytes from the pid (top bit set).
+// An internal identifier of process pid: version 1, clock sequence digit 0 to 3, the node's first two bytes from
+// the pid (top bit set).
 testing::Matcher<char const*> internal_of(pid_t pid) {
     unsigned const v = (unsigned(pid) << 7) ^ unsigned(pid);
     char node[5];
@@ -137,8 +123,7 @@ TEST(Uuid, KernelFileByDefaultLeavesNoDescriptor) {
     EXPECT_EQ(test_support::open_fds(), before);
 }
 
-// QVLSRV_INTERNAL_UUID, even empty: one thread's identifiers never go back in
-// time and advance the clock sequence one by one.
+// QVLSRV_INTERNAL_UUID, even empty: one thread's identifiers never go back in time, the sequence steps by one.
 TEST(Uuid, InternalGeneratorLayout) {
     if (!test_support::in_child({"QVLSRV_INTERNAL_UUID="})) return;
     EXPECT_TRUE(kern::uuid::use_internal_generator);
@@ -167,19 +152,14 @@ TEST(Uuid, UnreadableFileFallsBackAndLogsTenTimes) {
     int const fd = open(file, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
     ASSERT_EQ(write(fd, "0123456789abcdef\n", 17), 17);
     close(fd);
-    char log[] = "/tmp/random_test.XXXXXX";
-    int const out = mkstemp(log), saved = dup(2);
-    dup2(out, 2);
+    testing::internal::CaptureStderr();
     char id[37];
     for (int i = 0; i < 15; ++i) {
         get_uuid(id);
         EXPECT_THAT(id, internal_of(getpid()));
         unlink(file);
     }
-    dup2(saved, 2);
-    std::string text(1 << 16, '\0');
-    text.resize(std::max<ssize_t>(pread(out, &text[0], text.size(), 0), 0));
-    unlink(log);
+    std::string const text = testing::internal::GetCapturedStderr();
     std::vector<std::string> lines, want;
     for (std::size_t pos = 0; (pos = text.find("[UUID]", pos)) != std::string::npos; ++pos)
         lines.push_back(text.substr(pos, text.find('\n', pos) - pos));
@@ -190,36 +170,23 @@ TEST(Uuid, UnreadableFileFallsBackAndLogsTenTimes) {
     EXPECT_EQ(lines, want) << text;
 }
 
-// Eight threads draw 100,000 internal identifiers each: all differ. A forked
-// child draws with its own process id in the node.
+// Eight threads draw 100,000 internal identifiers each: all differ. A forked child puts its own pid in the node.
 TEST(Uuid, InternalIdentifiersAreUnique) {
     kern::uuid::use_internal_generator = true;
     int const threads = 8, per = 100000;
     std::vector<std::array<char, 37>> ids(std::size_t(threads) * per);
-    std::vector<std::thread> ts;
-    for (int t = 0; t < threads; ++t)
-        ts.emplace_back([&, t] {
-            for (int i = 0; i < per; ++i) get_uuid(ids[std::size_t(t) * per + i].data());
-        });
-    for (auto& t : ts) t.join();
+    test_support::on_threads(threads, [&](int t) {
+        for (int i = 0; i < per; ++i) get_uuid(ids[std::size_t(t) * per + i].data());
+    });
     std::sort(ids.begin(), ids.end());
     EXPECT_TRUE(std::adjacent_find(ids.begin(), ids.end()) == ids.end());
     EXPECT_THAT(ids[0].data(), internal_of(getpid()));
 
-    int p[2];
-    ASSERT_EQ(pipe(p), 0);
-    pid_t const pid = fork();
-    if (pid == 0) {
+    test_support::expect_child_ok([] {
         char id[37];
         get_uuid(id);
-        _exit(write(p[1], id, 37) == 37 ? 0 : 1);
-    }
-    char id[37] = {};
-    EXPECT_EQ(read(p[0], id, 37), 37);
-    waitpid(pid, nullptr, 0);
-    close(p[0]);
-    close(p[1]);
-    EXPECT_THAT(id, internal_of(pid));
+        return testing::Matches(internal_of(getpid()))(id) ? 0 : 1;
+    });
     kern::uuid::use_internal_generator = false;
 }
 

@@ -5,9 +5,7 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
-#include <string>
 
 #include <gtest/gtest.h>
 

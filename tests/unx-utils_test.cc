@@ -2,25 +2,13 @@
 // namespace, buffer growth for entries far above 2 KiB, and detaching checked from the detached process.
 #include "unx-utils.h"
 
-#include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "test-support.h"
 
@@ -36,16 +24,13 @@ TEST(accounts, names_of_this_system_shared_by_threads) {
     EXPECT_TRUE(unx_get_user_id("root", id) && id == 0 && unx_get_group_id("daemon", id) && id == 1);
     std::string const want[] = {"was root:daemon", "was daemon:root"};  // as on every Debian system
     std::atomic<int> wrong(0);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 500; ++i) {
-                std::string out = "was ";
-                unx_get_user_and_group((i + t) & 1, 1 - ((i + t) & 1), out);
-                wrong += out != want[(i + t) & 1];
-            }
-        });
-    for (auto& t : threads) t.join();
+    test_support::on_threads(4, [&](int t) {
+        for (int i = 0; i < 500; ++i) {
+            std::string out = "was ";
+            unx_get_user_and_group((i + t) & 1, 1 - ((i + t) & 1), out);
+            wrong += out != want[(i + t) & 1];
+        }
+    });
     EXPECT_EQ(wrong, 0);
 }
 
@@ -57,9 +42,8 @@ std::string account(bool user, char const* name, unsigned id, std::string const&
     return user ? n + std::to_string(id) + ":" + extra + ":/:/bin/false\n" : n + extra + "\n";
 }
 
-// Version 1 of a file: 4241 alpha, 4244 wide (an entry of 200 KiB, found after the buffer has grown),
-// 4245 vast (2 MiB, beyond the largest buffer). Version 2 renames 4241 to beta and adds 4242 gamma and
-// 4243 delta.
+// Version 1 of a file: 4241 alpha, 4244 wide (an entry of 200 KiB, found after the buffer has grown), 4245 vast
+// (2 MiB, beyond the largest buffer). Version 2 renames 4241 to beta and adds 4242 gamma and 4243 delta.
 std::string accounts_file(bool user, int version) {
     if (version == 2) return account(user, "beta", 4241) + account(user, "gamma", 4242) + account(user, "delta", 4243);
     std::string wide, vast;
@@ -109,10 +93,9 @@ TEST(accounts, caches_and_buffer_growth_with_test_files) {
         }
 }
 
-// A child sets up its working directory D and descriptors 0 to 2 (all on the file F, or closed), buffers
-// unwritten output, and detaches. The detached process reports through a pipe: "leader" when it leads
-// its own session, its working directory, then each descriptor's target ("-" when closed, "*" after it
-// when it is close-on-exec).
+// A child sets up its working directory D and descriptors 0 to 2 (all on the file F, or closed), buffers unwritten
+// output, and detaches. The detached process reports through a pipe: "leader" when it leads its own session, its
+// working directory, then each descriptor's target ("-" when closed, "*" after it when it is close-on-exec).
 TEST(daemonize, detaches_with_both_flags) {
     test_support::temp_dir_t const temp;
     char const* const dir = temp.path.c_str();

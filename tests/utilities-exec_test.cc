@@ -3,27 +3,13 @@
 #include "utilities-exec.h"
 
 #include <dirent.h>
-#include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
-#include <fstream>
-#include <functional>
 #include <set>
-#include <sstream>
-#include <string>
 
-#include <gtest/gtest.h>
-
-#include "loggers.h"
 #include "platform.h"
 #include "test-support.h"
 
