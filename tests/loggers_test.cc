@@ -424,7 +424,6 @@ TEST(ChainLogger, MembersHandlersAndShape) {
     y->notify_error(if_logger_error_t::write_failed, "m");
     EXPECT_EQ(h.calls, (strings{"0: m @-1", "1: lost @-1"}));
     EXPECT_EQ(x->lines.size() + y->lines.size(), 3u);  // nothing from the handler
-    EXPECT_FALSE(c->is_stderr());
     delete c;
     // The facade test fails for the descriptor loggers that create makes.
     if_logger_t* e = fd_logger_t::create();
