@@ -18,7 +18,7 @@
 
 static std::string const plugins = QVLKERN_EXAMPLES_BINARY_DIR "/plugins";
 
-struct child_t { int status; std::string out, err; };  // status: exit status, or 128 + signal
+using test_support::child_t;
 
 // Runs exe with args, the environment of this process without its QVLSRV_* variables, plus env; by default this
 // program again, running only the settings report.
@@ -31,16 +31,7 @@ static child_t run(std::vector<std::string> env, std::string exe = "/proc/self/e
     for (auto& e : env) envp.push_back(&e[0]);
     for (auto& a : args) argv.push_back(&a[0]);
     envp.push_back(nullptr), argv.push_back(nullptr);
-    test_support::temp_dir_t const tmp;
-    pid_t const pid = fork();
-    if (pid == 0) {
-        for (int fd : {1, 2}) dup2(open((tmp / std::to_string(fd)).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600), fd);
-        execve(exe.c_str(), argv.data(), envp.data());
-        _exit(127);
-    }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) continue;
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), tmp.read("1"), tmp.read("2")};
+    return test_support::run_child([&] { return execve(exe.c_str(), argv.data(), envp.data()), 127; });
 }
 
 TEST(kern, banner) {

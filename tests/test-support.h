@@ -1,19 +1,29 @@
-// Helpers the test programs share: a temporary directory, a test run again in a child process, a private
+// Helpers the test programs share: a temporary directory, a function or a test run in a child process, a private
 // mount namespace, the count of open descriptors and a logger that keeps what it is given.
 #pragma once
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <new>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -51,13 +61,70 @@ inline int open_fds() {
     return n;
 }
 
-// Forks, runs body in the child and exits with its answer; the parent expects 0.
-inline void expect_child_ok(std::function<int()> const& body) {
-    pid_t const pid = fork();
-    if (pid == 0) _exit(body());
+// What a child process left: its exit status (128 + the signal that ended it, -1 when killed at the time limit) and
+// what it wrote to standard output and error.
+struct child_t {
+    int status = -1;
+    std::string out, err;
+};
+
+// Forks and runs body in the child, its standard output and error each into a pipe and no core file; the child ends
+// through _exit with body's answer (0 for a void body) unless body ends it. ready(pid) runs in the parent at the
+// child's first byte of standard output. A child not ended, its pipes closed, within limit_s seconds is killed and
+// answers -1: a net against hangs, far beyond any child's time, never a measure.
+template <class F>
+child_t run_child(F const& body, std::function<void(pid_t)> const& ready = {}, int limit_s = 60) {
+    child_t c;
+    int out[2], err[2];
+    pid_t pid = -1;
+    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0 || (pid = fork()) < 0) {
+        ADD_FAILURE() << "no child process because of " << std::strerror(errno);
+        return c;
+    }
+    if (pid == 0) {
+        rlimit const no_core = {0, 0};
+        setrlimit(RLIMIT_CORE, &no_core);
+        dup2(out[1], 1), dup2(err[1], 2);
+        int code = 0;
+        if constexpr (std::is_void_v<decltype(body())>) body(); else code = body();
+        std::fflush(nullptr);
+        _exit(code);
+    }
+    close(out[1]), close(err[1]);
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(limit_s);
+    auto left_ms = [&] {
+        auto const left = deadline - std::chrono::steady_clock::now();
+        return int(std::max<long long>(0, std::chrono::duration_cast<std::chrono::milliseconds>(left).count()));
+    };
+    // Each entry drops out at its end: the pipes' end of file, the child's end as its pidfd tells (without one,
+    // waitpid waits).
+    pollfd p[3] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}, {int(syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0}};
+    int const pidfd = p[2].fd;
+    bool hung = false;
+    while (!hung && (p[0].fd >= 0 || p[1].fd >= 0 || p[2].fd >= 0)) {
+        int const n = poll(p, 3, left_ms());
+        hung = n == 0;
+        for (int i = 0; i < 3 && n > 0; ++i) {
+            char buf[4096];
+            ssize_t const k = !p[i].revents ? -1 : i == 2 ? 0 : read(p[i].fd, buf, sizeof buf);
+            if (k > 0 && i == 0 && c.out.empty() && ready) ready(pid);
+            if (k > 0) (i ? c.err : c.out).append(buf, size_t(k));
+            if (p[i].revents && k <= 0 && (k == 0 || errno != EINTR)) p[i].fd = -1;
+        }
+    }
+    close(out[0]), close(err[0]);
+    if (pidfd >= 0) close(pidfd);
+    if (hung) kill(pid, SIGKILL);
     int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) continue;
+    c.status = hung ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return c;
+}
+
+// Runs body in a child (see run_child) and expects it to answer 0; what the child wrote comes with a failure.
+inline void expect_child_ok(std::function<int()> const& body) {
+    child_t const c = run_child(body);
+    EXPECT_EQ(c.status, 0) << c.out << c.err;
 }
 
 // Runs the current test again in a child of this program with the variables set; true in that child,

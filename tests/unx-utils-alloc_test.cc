@@ -28,6 +28,7 @@
 #include "code-exec-time.h"
 #include "exceptions.h"
 #include "loggers.h"
+#include "test-support.h"
 
 using testing::HasSubstr;
 using testing::MatchesRegex;
@@ -77,32 +78,8 @@ counts_t operator-(counts_t a, counts_t const& b) {
     return a;
 }
 
-struct child_t { int status; std::string out; };  // status: exit status, or 128 + signal
-
-// Runs fn in a forked child whose standard output and error go to a pipe.
-template <class F>
-child_t in_child(F fn) {
-    int p[2];
-    if (pipe2(p, O_CLOEXEC) != 0) return {-1, "pipe failed"};
-    pid_t const pid = fork();
-    if (pid == 0) {
-        dup2(p[1], 1);
-        dup2(p[1], 2);
-        fn();
-        fflush(stdout);
-        _exit(0);
-    }
-    close(p[1]);
-    child_t c{0, ""};
-    char buf[4096];
-    for (ssize_t n; (n = read(p[0], buf, sizeof buf)) != 0;)
-        if (n > 0) c.out.append(buf, static_cast<size_t>(n)); else if (errno != EINTR) break;
-    close(p[0]);
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) continue;
-    c.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return c;
-}
+using test_support::child_t;
+using test_support::run_child;
 
 // In a child: the process logger on standard output at the given level.
 void log_to_stdout(int level) {
@@ -291,13 +268,12 @@ TEST(alloc, this_program_and_the_bootstrap) {
 TEST(alloc, a_missing_allocator_is_fatal) {
     SKIP_UNLESS_WRAPPED();
     std::string const shim = plugins + "/libqvlkern_lookup_shim.so";
-    child_t const c = in_child([&] {
+    child_t const c = run_child([&] {
         setenv("LD_PRELOAD", shim.c_str(), 1);
-        execl("/proc/self/exe", "unx-utils-alloc_test", "--gtest_filter=none", nullptr);
-        _exit(127);
+        return execl("/proc/self/exe", "unx-utils-alloc_test", "--gtest_filter=none", nullptr), 127;
     });
     EXPECT_EQ(c.status, 64175 & 0xff);
-    EXPECT_THAT(c.out, MatchesRegex("\r\n\\$\\$\\$\\$ name \"malloc\" not found in glibc "
+    EXPECT_THAT(c.err, MatchesRegex("\r\n\\$\\$\\$\\$ name \"malloc\" not found in glibc "
                                     "because of [^\r\n]+ \\$\\$\\$\\$\\$\r\n\r\n"));
 }
 
@@ -324,7 +300,7 @@ TEST(alloc, setup_from_the_environment) {
         {"Off", off, "hh"}, {"yes", same, "hm"}, {"", same, "hm"}, {"1", same, "hm"}, {"on ", same, "hm"},
     };
     for (auto const& c : cases) {
-        child_t const r = in_child([&] {
+        child_t const r = run_child([&] {
             if (c.value) setenv("QVLSRV_MALLOC_MMAP", c.value, 1); else unsetenv("QVLSRV_MALLOC_MMAP");
             int const rc = qvl_malloc_setup();
             log_to_stdout(if_logger_t::INFO);
@@ -337,7 +313,7 @@ TEST(alloc, setup_from_the_environment) {
         EXPECT_THAT(r.out, HasSubstr(c.message + "\n" + effect)) << (c.value ? c.value : "unset");
         EXPECT_EQ(r.out.find("[Linux]"), r.out.rfind("[Linux]")) << r.out;
     }
-    EXPECT_EQ(in_child([] {
+    EXPECT_EQ(run_child([] {
                   log_to_stdout(if_logger_t::INFO);
                   qvl_malloc_setup_info();  // never set up: nothing
               }).out, "");
@@ -372,7 +348,7 @@ TEST(alloc, memory_map) {
     close(fd);
     unlink(gone.c_str());
 
-    std::string const out = in_child([] {
+    std::string const out = run_child([] {
         log_to_stdout(if_logger_t::TRACE_3);
         kern_n::linux_print_map();
     }).out;
@@ -387,7 +363,7 @@ TEST(alloc, memory_map) {
                         MatchesRegex(".*\\[Map\\] [0-9a-f]+-[0-9a-f]+ [-r][-w][-x][ps] +[0-9]+[KM]?KB .*"));
         }
     EXPECT_GT(lines, ranges.size() + 2);
-    EXPECT_EQ(in_child([] {
+    EXPECT_EQ(run_child([] {
                   log_to_stdout(if_logger_t::TRACE_2);
                   kern_n::linux_print_map();
               }).out, "");
@@ -399,7 +375,7 @@ TEST(alloc, memory_map) {
 TEST(alloc, arena_figures) {
     std::vector<void*> blocks;  // mapped blocks that the report must show
     for (int i = 0; i < 3; ++i) blocks.push_back(do_malloc(1 << 20));
-    std::string const out = in_child([] {
+    std::string const out = run_child([] {
         log_to_stdout(if_logger_t::INFO);
         kern_n::linux_print_malloc_info();
     }).out;
@@ -410,7 +386,7 @@ TEST(alloc, arena_figures) {
                                   "\\[Linux\\] Main arena: [0-9]+K used, [0-9]+K unused space, [0-9]+K can be "
                                   "returned\n"));
     if (!sanitized) {  // their run-times would fail first
-        std::string const no_pipe = in_child([] {
+        std::string const no_pipe = run_child([] {
             log_to_stdout(if_logger_t::INFO);
             rlimit const few = {3, 3};  // standard input, output and error only
             setrlimit(RLIMIT_NOFILE, &few);
