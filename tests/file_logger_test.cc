@@ -828,14 +828,23 @@ int logrotate_child(std::string const& dir, char const* mode) {
     std::unique_ptr<if_logger_t> l(file_logger_t::create(name.c_str(), "NONE"));
     std::atomic<int> written{0};
     std::atomic<bool> stop{false};
-    int counts[4] = {};
+    std::atomic<int> counts[4] = {};
     std::vector<std::thread> writers;
     for (int t = 0; t < 4; ++t)
         writers.emplace_back([&, t] {
-            for (; !stop; ++counts[t], ++written) l->log_INFO("rot %d %07d", t, counts[t]);
+            for (; !stop; ++counts[t], ++written) l->log_INFO("rot %d %07d", t, counts[t].load());
         });
     for (int run = 0; run <= 3; ++run) {
-        for (int const target = written + 20000; written < target;) sched_yield();
+        // Every writer writes after each rotation, however the threads are scheduled: so its last line comes after
+        // the last copy and truncation.
+        int base[4];
+        for (int t = 0; t < 4; ++t) base[t] = counts[t];
+        auto lagging = [&] {
+            for (int t = 0; t < 4; ++t)
+                if (counts[t] < base[t] + 1000) return true;
+            return false;
+        };
+        for (int const target = written + 20000; written < target || lagging();) sched_yield();
         if (run < 3 && std::system(("/usr/sbin/logrotate -f -s " + dir + "/state " + conf).c_str()) != 0) return 2;
     }
     stop = true;
