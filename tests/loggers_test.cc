@@ -369,6 +369,21 @@ TEST(LoggerFork, ChildrenOfALoggingProcess) {
 
 // A fork while a compression runs: the child has none in flight, so its logger rotates, compresses and closes as if
 // it had never started one.
+// Whether another thread of this process sleeps in a futex inside the object at `at`, as /proc tells.
+bool thread_waits_on(void const* at, size_t size) {
+    auto const lo = reinterpret_cast<uintptr_t>(at);
+    for (auto const& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        if (task.path().filename() == std::to_string(syscall(SYS_gettid))) continue;
+        unsigned long nr = 0, arg = 0;
+        std::FILE* const f = std::fopen((task.path() / "syscall").c_str(), "re");
+        if (!f) continue;
+        bool const read = std::fscanf(f, "%lu %lx", &nr, &arg) == 2;
+        std::fclose(f);
+        if (read && nr == SYS_futex && arg >= lo && arg < lo + size) return true;
+    }
+    return false;
+}
+
 TEST(LoggerFork, WhileCompressing) {
     test_support::temp_dir_t dir;
     if_logger_t* const l = file_logger_t::create((dir / "agent.log").c_str(), "3z,1k");
@@ -378,6 +393,10 @@ TEST(LoggerFork, WhileCompressing) {
         // The compression thread lists itself first: it waits for this.
         xlocker_t<mutex_t> hold(kern_n::runnable_t::runnables_guard);
         for (int i = 0; i < 3; ++i) l->log_INFO("%d %s", i, line.c_str());  // the third rotates
+        // Fork only once it waits there: a thread still starting may hold an allocator's lock (a sanitizer's
+        // run-time has no fork handler for its own), which the child would never see released.
+        while (!thread_waits_on(&kern_n::runnable_t::runnables_guard, sizeof kern_n::runnable_t::runnables_guard))
+            sched_yield();
         status = in_child(
             [&] {
                 kern_n::runnable_t::runnables_guard.unlock();  // held by this thread in the child too
