@@ -172,6 +172,17 @@ struct record_logger_t : if_logger_t {
 
 namespace test_support {
 
+// The text of the E that call throws, or "(nothing thrown)".
+template <class E>
+std::string thrown(std::function<void()> const& call) {
+    try {
+        call();
+    } catch (E const& e) {
+        return e.what();
+    }
+    return "(nothing thrown)";
+}
+
 // Runs fn(thread index) on n threads that all start together.
 inline void on_threads(int n, std::function<void(int)> const& fn) {
     std::atomic<int> arrived(0);

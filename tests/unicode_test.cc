@@ -39,14 +39,7 @@ void in_locale(char const* locale, std::function<std::string()> const& check) {
 }
 
 // What call throws as an ICU failure, or "(nothing thrown)".
-std::string icu_error(std::function<void()> const& call) {
-    try {
-        call();
-    } catch (icu_exception_shell_t const& e) {
-        return e.what();
-    }
-    return "(nothing thrown)";
-}
+std::string icu_error(std::function<void()> const& call) { return test_support::thrown<icu_exception_shell_t>(call); }
 
 std::string joined(std::vector<lstr_t> const& pieces) {
     std::string r;

@@ -141,15 +141,6 @@ struct manager_t {
     int bound;
 };
 
-template <class E>
-std::string failure(std::function<void()> const& f) {
-    try {
-        f();
-    } catch (E const& e) {
-        return e.what();
-    }
-    return "no throw";
-}
 
 }  // namespace
 
@@ -187,10 +178,10 @@ TEST(Daemon, NotificationsReachPathAndAbstractSocketsByteForByte) {
                                    "/" + std::string(108, 'x')}) {
         setenv("NOTIFY_SOCKET", bad.c_str(), 1);
         EXPECT_EQ("NOTIFY_SOCKET \"" + bad + (bad.size() > 108 ? too_long : neither),
-                  failure<api_exception_shell_t>([] { kern::daemon::notify_stopping(); }));
+                  test_support::thrown<api_exception_shell_t>([] { kern::daemon::notify_stopping(); }));
     }
     setenv("NOTIFY_SOCKET", (dir / "gone").c_str(), 1);
-    EXPECT_THAT(failure<io_error_exception_shell_t>([] { kern::daemon::notify_ready(); }),
+    EXPECT_THAT(test_support::thrown<io_error_exception_shell_t>([] { kern::daemon::notify_ready(); }),
                 MatchesRegex("unable to notify \".*/gone\" of \"READY=1\" because of No such file or directory .*"));
     unsetenv("NOTIFY_SOCKET");
     EXPECT_EQ(fds + 1, test_support::open_fds());  // the quiet manager's socket alone
@@ -226,7 +217,7 @@ TEST(Daemon, WatchdogIntervalFromTheEnvironment) {
     for (auto const& c : cases) {
         c.usec ? setenv("WATCHDOG_USEC", c.usec, 1) : unsetenv("WATCHDOG_USEC");
         c.pid ? setenv("WATCHDOG_PID", c.pid, 1) : unsetenv("WATCHDOG_PID");
-        std::string const why = failure<api_exception_shell_t>([&] {
+        std::string const why = test_support::thrown<api_exception_shell_t>([&] {
             EXPECT_EQ(c.ticks, kern::daemon::watchdog_interval().ticks()) << c.usec << " " << (c.pid ? c.pid : "-");
         });
         if (c.ticks != fails) continue;
